@@ -1,0 +1,50 @@
+# Two commands matter: `make demo` and `make test`. Both install whatever
+# Debian packages are missing first.
+JOBS ?= 2
+ROOT := $(CURDIR)
+OVERLAY := $(ROOT)/build/armhf-overlay
+CMAKE_COMMON := -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+.PHONY: all deps host demo test test-host test-asan test-armhf test-fuzz bench clean
+
+all: host
+
+deps:
+	@ARM_OVERLAY=$(OVERLAY) ./scripts/install-deps.sh
+
+host: deps
+	cmake -S . -B build/host $(CMAKE_COMMON) >/dev/null
+	cmake --build build/host -j$(JOBS)
+
+demo: host
+	TALMEM_ROOT=$(ROOT)/samples/device ./build/host/tools/talmem_demo
+
+bench: host
+	@for b in build/host/bench/bench_*; do [ -x "$$b" ] && $$b; done
+
+test: deps
+	$(MAKE) test-host
+	$(MAKE) test-asan
+	$(MAKE) test-fuzz
+	$(MAKE) test-armhf
+
+test-host: host
+	ctest --test-dir build/host --output-on-failure -j$(JOBS)
+
+test-asan: deps
+	cmake -S . -B build/asan $(CMAKE_COMMON) -DTALMEM_SANITIZE=ON -DTALMEM_BUILD_BENCH=OFF \
+	  -DTALMEM_BUILD_TOOLS=OFF >/dev/null
+	cmake --build build/asan -j$(JOBS)
+	ctest --test-dir build/asan --output-on-failure -j$(JOBS)
+
+test-armhf: deps
+	cmake -S . -B build/armhf $(CMAKE_COMMON) -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
+	  -DTALMEM_ARM_OVERLAY=$(OVERLAY) -DTALMEM_BUILD_BENCH=OFF -DTALMEM_BUILD_TOOLS=OFF >/dev/null
+	cmake --build build/armhf -j$(JOBS)
+	ctest --test-dir build/armhf --output-on-failure -j$(JOBS)
+
+test-fuzz: deps
+	@if [ -x scripts/run-fuzz.sh ]; then ./scripts/run-fuzz.sh; else echo "no fuzz targets"; fi
+
+clean:
+	rm -rf build/host build/asan build/armhf build/fuzz

@@ -1,0 +1,56 @@
+#ifndef TALMEM_COMMON_TALLOG_H
+#define TALMEM_COMMON_TALLOG_H
+
+#include <android/log.h>
+
+#include <cstdint>
+
+namespace qv {
+
+// Base name of a source path, computed at compile time where possible, so
+// log lines carry "TalMemChunk.cpp" rather than the build's full path.
+constexpr const char* TalFileBase(const char* path)
+{
+    const char* base = path;
+    for (const char* p = path; *p != '\0'; ++p) {
+        if (*p == '/') {
+            base = p + 1;
+        }
+    }
+    return base;
+}
+
+// Every address or device address that reaches a log line goes through this:
+// only the low 24 bits are ever printed. The result suits "%lx".
+inline unsigned long TalMaskAddr(uintptr_t addr)
+{
+    return static_cast<unsigned long>(addr & 0xFFFFFFu);
+}
+inline unsigned long TalMaskAddr(const void* addr)
+{
+    return TalMaskAddr(reinterpret_cast<uintptr_t>(addr));
+}
+inline unsigned long long TalMaskIova(uint64_t iova)
+{
+    return static_cast<unsigned long long>(iova & 0xFFFFFFu);
+}
+
+constexpr const char* kTalLogTag = "ZoEIS";
+
+} // namespace qv
+
+// One macro family for the whole library: "[LEVEL  ] file:line func() message".
+#define TAL_LOG_AT(prio, label, fmt, ...)                                                   \
+    __android_log_print((prio), ::qv::kTalLogTag, "[" label "] %s:%d %s() " fmt,            \
+                        ::qv::TalFileBase(__FILE__), __LINE__, __func__, ##__VA_ARGS__)
+
+#define TAL_LOGE(fmt, ...) TAL_LOG_AT(ANDROID_LOG_ERROR, "ERROR  ", fmt, ##__VA_ARGS__)
+#define TAL_LOGW(fmt, ...) TAL_LOG_AT(ANDROID_LOG_WARN, "WARN   ", fmt, ##__VA_ARGS__)
+#define TAL_LOGI(fmt, ...) TAL_LOG_AT(ANDROID_LOG_INFO, "INFO   ", fmt, ##__VA_ARGS__)
+#define TAL_LOGD(fmt, ...) TAL_LOG_AT(ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
+
+// A few messages of the system are logged without the usual prefix.
+#define TAL_LOGE_RAW(fmt, ...) \
+    __android_log_print(ANDROID_LOG_ERROR, ::qv::kTalLogTag, fmt, ##__VA_ARGS__)
+
+#endif // TALMEM_COMMON_TALLOG_H
