@@ -6,9 +6,32 @@
 // host build supplies an implementation in platform/host with the same
 // declarations.
 //
-// Host notes: a host has no IOMMU, so device addresses (GetIova) are
-// simulated per device type: page aligned, unique while the buffer lives, a
-// split buffer reporting its parent's address plus its offset.
+// Host notes:
+// - Memory comes from the DMA-BUF heap /dev/dma_heap/system when it opens,
+//   otherwise from a memfd; either way it is mapped MAP_SHARED and populated
+//   at allocation, and the share fd is a real fd that another mmap (or
+//   process) sees with the same bytes.
+// - A host has no IOMMU, so device addresses (GetIova) are simulated per
+//   device type (0..14 and the default 256; any other type gives 0): page
+//   aligned, unique per device type while the buffer lives, a split buffer
+//   reporting its whole buffer's address plus its offset.
+// - Cache operations sync a DMA-BUF with DMA_BUF_IOCTL_SYNC (a range syncs the
+//   whole buffer after its check); memfd memory is coherent, so they only
+//   check the range there.
+// - Layout by format (stride alignment in pixels, slice-height alignment in
+//   rows, bytes per pixel over all planes); the size is
+//   stride x sliceHeight x bytes, rounded up to 4096:
+//     257 (plain bytes), 0x21 BLOB         1, 1,  1     (size = width x height)
+//     17 NV21, 35 YCbCr_420_888,
+//     0x22 IMPLEMENTATION_DEFINED, YV12    64, 32, 3/2
+//     16 NV16, 20 YUY2                     64, 32, 2
+//     1 RGBA, 2 RGBX, 5 BGRA               64, 1,  4
+//     3 RGB_888                            64, 1,  3
+//     4 RGB_565                            64, 1,  2
+//     0x20 RAW16                           16, 1,  2
+//     Y8 (0x20203859), Y16 (0x20363159)    64, 1,  1 and 2
+//   Other formats, a zero width or height, or a size above 4 GiB - 4 KiB fail.
+// - Nothing here logs: failures are reported by value only.
 
 #include <cstdint>
 #include <memory>
@@ -32,8 +55,9 @@ struct InputBufInfo {
 static_assert(sizeof(InputBufInfo) == 14 * sizeof(uint32_t), "InputBufInfo is 14 words");
 
 // One device-visible buffer. Owned through std::shared_ptr; the memory is
-// released when the last owner lets go. A split buffer keeps its parent alive.
-// Thread-safe for concurrent readers; cache operations may run on any thread.
+// released (unmapped, share fd closed) when the last owner lets go. A split
+// buffer keeps its parent alive. The getters never change after creation, so
+// any thread may call them; cache operations may run on any thread.
 class ICameraBuffer {
 public:
     virtual ~ICameraBuffer() = default;
@@ -61,7 +85,7 @@ class CameraBufferInterface {
 public:
     // Allocates a buffer of the size that the format and geometry need
     // (format 257 is plain bytes: width x height), rounded up to whole pages.
-    // Returns an empty pointer on failure.
+    // Returns an empty pointer on failure. Thread-safe.
     static std::shared_ptr<ICameraBuffer> AllocCamBuffer(uint32_t width, uint32_t height,
                                                          uint32_t format, uint64_t usage,
                                                          std::string name);
@@ -72,7 +96,8 @@ public:
     static std::shared_ptr<ICameraBuffer> SplitCamBuffer(std::shared_ptr<ICameraBuffer> parent,
                                                          InputBufInfo info, std::string name);
 
-    // Host diagnostics: bytes of whole buffers this process holds now.
+    // Host diagnostics: bytes of whole buffers this process holds now (split
+    // views add nothing). Any thread may call it.
     static uint64_t GetHeldBytes();
 };
 
