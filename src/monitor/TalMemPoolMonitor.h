@@ -236,8 +236,14 @@ private:
     void PrintPeakSizeMemListInfo();
     void PrintStatus(TAL_MEM_MONITOR_TYPE type, const std::string& algoName, unsigned int size,
                      const char* sign, bool reachPeak);
-    void PrintRealtimeStatus(TAL_MEM_MONITOR_TYPE type, const std::string& algoName,
+    void PrintRealtimeStatus(const char* typeName, const std::string& algoName,
                              unsigned int size, const char* sign, bool reachPeak);
+    unsigned int PoolChunksSize() const;
+    unsigned int OutPoolSize() const;
+    unsigned int IdleAddrMapSize() const;
+
+    // Aborts when a per-type array index is outside 0..2.
+    static void CheckTypeIndex(int allocateType, const char* func);
 
     // Manager state read through the back pointer.
     unsigned int CaptureStatus() const;
@@ -249,6 +255,10 @@ private:
     void MoveLeakedChunks(ChunkMap& chunks, int allocateType, bool& leaked);
     void RemoveLeakRecord(TalMemChunk* chunk);
     static TalMemPoolChunkInfo MakeChunkInfo(TalMemChunk* chunk, size_t size);
+    void FillLeakReport(talMemPoolLeakErrorReportInfo& report);
+    void FillAllocFailReport(talMemPoolAllocFailErrorReportInfo& report, int allocSize,
+                             const std::string& algoName, int allocateType, int device);
+    void PrintPoolChunks();
 
     std::list<AlgoMemInfo> algoInfoList[kAllocTypeNum];
     TalMemPoolImpl* poolImpl;
