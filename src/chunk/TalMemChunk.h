@@ -97,6 +97,8 @@ public:
     bool releasePending; // release asked while in use
 
 private:
+    friend struct TalMemChunkTestPeer; // tests swap in a buffer that records cache calls
+
     // Page-aligned span of a cache request, in offsets of the base buffer.
     struct CacheSpan {
         uint32_t start;
