@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include <cstdio>
+
 namespace qv {
 
 struct graphics_memory_pss {
@@ -31,6 +33,26 @@ public:
     static unsigned int countGraphicMem();
     // graphics total plus the "Pss:" lines of the own process's smaps.
     static int countPss();
+
+    // The text parsing behind the probes above, on texts that the caller
+    // supplies (the probes apply them to the kernel's files). No locks, no logs.
+
+    // MemFree + Cached (KB) of a NUL-terminated meminfo text: lines that begin
+    // with "MemFree:" or "Cached:" count, the later of two equal keys wins, and
+    // the walk stops after the third matching line. A missing key counts 0.
+    static unsigned int parseFreeMemory(const char* text);
+    // The first digits of a meminfo first line ("MemTotal: n kB") rounded up
+    // to whole GiB in KB; a whole number of GiB still gains one GiB.
+    static int parseTotalMemory(const char* firstLine);
+    // Reads every line of `fp` into `buffer` (`size` bytes, cleared by the
+    // caller) so that it keeps the last line read; returns that text's length.
+    static int readLastLine(FILE* fp, char* buffer, int size);
+    // The DDR size in KB that the last ddr_info line gives: the one character
+    // four places from its end, in GiB. -1 when the line has 3 characters or
+    // fewer. Cuts `line` short while converting it.
+    static int parseDdrInfoLine(char* line);
+    // Sum of the numbers on the lines of `fp` that begin with "Pss:".
+    static int sumPssLines(FILE* fp);
 };
 
 } // namespace qv
