@@ -18,6 +18,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "config/TalMemConfig.h"
 #include "monitor/TalMemPoolMonitor.h"
 #include "talmem/TalMemPool.h"
 #include "talmem/qva_ibuf.h"
@@ -38,6 +39,13 @@ struct AllocHint {
     uint32_t version;      // 0, 1, 2; any other value is treated as "no hint"
     uint32_t callerData;   // used by versions 0 and 1
     uint32_t requestUsage; // used by version 2; only the low 12 bits count
+};
+
+// Input of the cache commands of MemPoolCtrl(cmd, input, output): two words
+// on the 32-bit device (address, size); the address keeps the process's width.
+struct TalCacheRange {
+    uintptr_t address;
+    uint32_t size;
 };
 
 // Address -> chunk maps of the pool manager. The monitor binds to two of them.
@@ -146,7 +154,9 @@ public:
     TalChunkMap sysMcMap;
     TalChunkMap poolMcMap;
     TalChunkMap preAllocPoolMcMap;
+    TalAlgoPeakMap algoPeakMap;
     TalMemPoolMonitor monitor;
+    TalMemConfig config;
     uint32_t maxMemSize = 0;
     uint32_t basePoolSize = kDefaultBasePoolSize;
     uint32_t multiPoolSize = kDefaultMultiPoolSize;
@@ -185,10 +195,13 @@ private:
                          const std::string& algoName, const SysAllocInfo& info);
     // The pool whose range holds `address` (base < address < base + size), or null.
     TalMemChunk* FindPoolChunk(uintptr_t address) const;
-    // Descriptor of a chunk found in `map` at `address`; `handled` is set when
-    // the entry decided the lookup (found, or present but unusable).
-    const qva_ibuf* LookupReuseMap(TalChunkMap& map, uintptr_t address, const char* mapName,
-                                   bool& handled);
+    // The allocation record the in-pool allocator keeps for `address` inside
+    // `pool`, or null; and the release of that range.
+    TalMemChunk* PoolRecordOf(TalMemChunk* pool, uintptr_t address);
+    void PoolRelease(TalMemChunk* pool, uintptr_t address);
+    // What one of the reuse maps holds at an address.
+    enum class ReuseLookup { kAbsent, kNullChunk, kInUse };
+    static ReuseLookup LookupReuseMap(TalChunkMap& map, uintptr_t address, TalMemChunk*& chunk);
     static void DestroyMap(TalChunkMap& map);
 };
 

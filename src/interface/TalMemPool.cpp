@@ -1,0 +1,233 @@
+#include "talmem/TalMemPool.h"
+
+#include <new>
+
+#include "chunk/TalMemChunk.h"
+#include "common/TalLog.h"
+#include "interface/TalMemPoolThread.h"
+#include "talmem_platform.h"
+
+namespace qv {
+
+android::sp<TalMemPoolThread> TalMemPool::poolThread;
+android::Mutex TalMemPool::memPoolLock;
+int32_t TalMemPool::reference = 0;
+
+namespace {
+
+const std::string kUnknownName = "unknown";
+
+inline std::string NameOrUnknown(const char* name)
+{
+    return name != nullptr ? std::string(name) : kUnknownName;
+}
+
+} // namespace
+
+// Every entry but NewPool and DeletePool starts like this: without a service
+// it logs with the entry's own name and returns its failure value.
+#define TAL_REQUIRE_SERVICE(failValue)                                          \
+    do {                                                                        \
+        if (poolThread == nullptr) {                                            \
+            TAL_LOGE("QvCamMem %s ERROR! poolThread is not create!\n", __func__); \
+            return failValue;                                                   \
+        }                                                                       \
+    } while (0)
+
+void TalMemPool::NewPool()
+{
+    android::AutoMutex _l(memPoolLock);
+    if (reference != 0) {
+        // Also after an unmatched DeletePool: the count climbs back without a
+        // new service, as designed.
+        ++reference;
+        return;
+    }
+    if (poolThread != nullptr) {
+        reference = 1;
+        return;
+    }
+    poolThread = new (std::nothrow) TalMemPoolThread();
+    if (poolThread == nullptr) {
+        TAL_LOGE("QvCamMem %s ERROR! poolThread create fail!\n", __func__);
+        return;
+    }
+    if (poolThread->PoolInit() != 0) {
+        TAL_LOGW("PoolInit Failed!\n");
+    }
+    poolThread->run("TalMemPoolThread", 0, 0);
+    ++reference;
+}
+
+void TalMemPool::DeletePool()
+{
+    android::AutoMutex _l(memPoolLock);
+    --reference;
+    if (reference == 0 && poolThread != nullptr) {
+        poolThread->RequestExit();
+        poolThread->join();
+        poolThread.clear(); // the last strong reference: the service is destroyed
+    }
+}
+
+void* TalMemPool::Malloc(uint32_t size, const char* name, const void* owner,
+                         const char* algoName, int32_t allocateType)
+{
+    TAL_REQUIRE_SERVICE(nullptr);
+    return poolThread->Alloc(size, NameOrUnknown(name), owner, NameOrUnknown(algoName),
+                             allocateType);
+}
+
+void* TalMemPool::Malloc(uint32_t width, uint32_t height, uint32_t format, uint64_t usage,
+                         const char* name, const void* owner, const char* algoName,
+                         int32_t allocateType)
+{
+    TAL_REQUIRE_SERVICE(nullptr);
+    return poolThread->Alloc(width, height, format, usage, NameOrUnknown(name), owner,
+                             NameOrUnknown(algoName), allocateType);
+}
+
+std::shared_ptr<QvCamera::ICameraBuffer> TalMemPool::Malloc(const MallocInfo& info,
+                                                            std::string name)
+{
+    TAL_REQUIRE_SERVICE(nullptr);
+    void* addr = poolThread->Alloc(info, name);
+    if (addr == nullptr) {
+        return nullptr;
+    }
+    const qva_ibuf* ibuf = poolThread->GetIBuf(addr);
+    if (ibuf == nullptr || ibuf->priv == nullptr) {
+        poolThread->Free(addr);
+        return nullptr;
+    }
+    // One more owner of the chunk's camera buffer for the caller.
+    return static_cast<const MemChunkInfo*>(ibuf->priv)->buffer;
+}
+
+void TalMemPool::Free(void* vaddr, const char* name, const void* owner)
+{
+    TAL_REQUIRE_SERVICE();
+    if (vaddr == nullptr) {
+        TAL_LOGE("QvCamMem %s, vaddr=0x%lx return\n", __func__, 0ul);
+        return;
+    }
+    poolThread->Free(vaddr);
+}
+
+const qva_ibuf* TalMemPool::GetIBuf(const void* vaddr)
+{
+    TAL_REQUIRE_SERVICE(nullptr);
+    if (vaddr == nullptr) {
+        TAL_LOGE("QvCamMem %s, vaddr=0x%lx return\n", __func__, 0ul);
+        return nullptr;
+    }
+    return poolThread->GetIBuf(vaddr);
+}
+
+void TalMemPool::PreAllocPool(const MallocInfo& info, std::string name, uint32_t blockNum)
+{
+    TAL_REQUIRE_SERVICE();
+    if (blockNum == 0) {
+        TAL_LOGE("QvCamMem %s ERROR! blockNum is zero!\n", __func__);
+        return;
+    }
+    poolThread->PreAllocPool(info, name, blockNum);
+}
+
+void TalMemPool::ReleasePool(const MallocInfo& info)
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->ReleasePool(info);
+}
+
+int32_t TalMemPool::ClearAll(int32_t mode, int32_t delayMs)
+{
+    TAL_REQUIRE_SERVICE(-1);
+    if (poolThread->ClearAll(mode, delayMs) != 0) {
+        return -1;
+    }
+    // In delayed mode this runs when the message is posted, before the clear.
+    TalPurgeHeap();
+    return 0;
+}
+
+void TalMemPool::CameraClose()
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->CameraClose();
+}
+
+void TalMemPool::OnSos()
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->OnSos();
+}
+
+void TalMemPool::OnFrame()
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->OnFrame();
+}
+
+void TalMemPool::OnEos()
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->OnEos();
+}
+
+void TalMemPool::UpdatePPState(int32_t ppType, int32_t state)
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->UpdatePPState(ppType, state);
+}
+
+void TalMemPool::ClearPPState(int32_t ppType)
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->ClearPPState(ppType);
+}
+
+int32_t TalMemPool::PoolInitTest(const char* name, uint32_t count)
+{
+    TAL_REQUIRE_SERVICE(-1);
+    return poolThread->PoolInitTest(NameOrUnknown(name), count) != 0 ? -1 : 0;
+}
+
+int32_t TalMemPool::PoolUpdate(const std::list<std::string>& algos, const TalMemResolution& res,
+                               int32_t async, int32_t delayMs)
+{
+    TAL_REQUIRE_SERVICE(-1);
+    return poolThread->PoolUpdate(algos, res, async, delayMs) != 0 ? -1 : 0;
+}
+
+void TalMemPool::RegisterAllocatorRef(int32_t ref, const char* name)
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->RegisterAllocatorRef(ref, NameOrUnknown(name));
+}
+
+void TalMemPool::UnregisterAllocatorRef(int32_t ref, const char* name)
+{
+    TAL_REQUIRE_SERVICE();
+    poolThread->UnregisterAllocatorRef(ref, NameOrUnknown(name));
+}
+
+int32_t TalMemPool::GetMemDumpInfo(int32_t type)
+{
+    TAL_REQUIRE_SERVICE(0);
+    return poolThread->GetMemDumpInfo(type);
+}
+
+int32_t TalMemPool::MemPoolIoctl(int32_t cmd, const void* arg)
+{
+    TAL_REQUIRE_SERVICE(-1);
+    return poolThread->MemPoolIoctl(cmd, arg);
+}
+
+int32_t TalMemPool::MemPoolControl(int32_t cmd, const void* in, void* out)
+{
+    TAL_REQUIRE_SERVICE(-1);
+    return poolThread->MemPoolCtrl(cmd, in, out) != 0 ? -1 : 0;
+}
+
+} // namespace qv

@@ -1,0 +1,129 @@
+#ifndef TALMEM_INTERFACE_TALMEMPOOLTHREAD_H
+#define TALMEM_INTERFACE_TALMEMPOOLTHREAD_H
+
+// The service object behind the public entries: owns the pool manager,
+// serialises every call into it with mImplLock on the caller's own thread,
+// and runs a looper thread for delayed work (clearing all pools, updating
+// the pools to the learnt peak) and for the idle memory summary.
+//
+// Lock order: TalMemPool::memPoolLock, then mImplLock, then mTimeOutLock.
+// The looper thread takes mTimeOutLock alone (idle summary) and mImplLock
+// alone (delayed work).
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include <utils/Looper.h>
+#include <utils/Mutex.h>
+#include <utils/StrongPointer.h>
+#include <utils/Thread.h>
+
+#include "talmem/TalMemPool.h"
+#include "talmem/qva_ibuf.h"
+
+namespace qv {
+
+namespace os {
+// The library's thread base: an android::Thread with nothing added.
+class Thread : public android::Thread {
+public:
+    explicit Thread(bool canCallJava) : android::Thread(canCallJava) {}
+};
+} // namespace os
+
+class TalMemPoolImpl;
+
+class TalMemPoolThread : public os::Thread {
+public:
+    // Messages understood by the handler.
+    static constexpr int kMsgClearAll = 0;
+    static constexpr int kMsgPoolUpdate = 1;
+    // Idle time after which one memory summary is logged.
+    static constexpr int kIdleSummaryMs = 3000;
+
+    class MemHandler : public android::MessageHandler {
+    public:
+        explicit MemHandler(TalMemPoolThread* owner) : mOwner(owner) {}
+        ~MemHandler() override = default;
+        void handleMessage(const android::Message& message) override;
+
+    private:
+        TalMemPoolThread* mOwner; // not owning; the service outlives its handler
+    };
+
+    TalMemPoolThread();
+    ~TalMemPoolThread() override;
+
+    // Creates the pool manager and initialises it (on the caller's thread).
+    // -1 when it cannot be created; otherwise the pool initialisation result.
+    int32_t PoolInit();
+
+    // Forwarders: each takes mImplLock and calls the pool manager; a missing
+    // pool manager logs "memPoolImpl invalid" and yields the failure value.
+    void* Alloc(uint32_t size, const std::string& name, const void* owner,
+                const std::string& algoName, int32_t allocateType);
+    void* Alloc(uint32_t width, uint32_t height, uint32_t format, uint64_t usage,
+                const std::string& name, const void* owner, const std::string& algoName,
+                int32_t allocateType);
+    void* Alloc(const MallocInfo& info, const std::string& name);
+    void Free(void* vaddr);
+    const qva_ibuf* GetIBuf(const void* vaddr);
+    void PreAllocPool(const MallocInfo& info, const std::string& name, uint32_t blockNum);
+    void ReleasePool(const MallocInfo& info);
+    // mode 1: post kMsgClearAll after delayMs; other modes clear now. 0 or -1.
+    int32_t ClearAll(int32_t mode, int32_t delayMs);
+    int32_t ClearAllAsync(int32_t delayMs);
+    int32_t ClearAllSync();
+    void CameraClose();
+    void OnSos();
+    void OnFrame();
+    void OnEos();
+    void UpdatePPState(int32_t ppType, int32_t state);
+    void ClearPPState(int32_t ppType);
+    int32_t PoolInitTest(const std::string& name, uint32_t count);
+    int32_t PoolUpdate(const std::list<std::string>& algos, const TalMemResolution& res,
+                       int32_t async, int32_t delayMs);
+    // Applies the peak size stored by the latest PoolUpdate.
+    int32_t PoolUpdateSync();
+    void RegisterAllocatorRef(int32_t ref, const std::string& name);
+    void UnregisterAllocatorRef(int32_t ref, const std::string& name);
+    int32_t GetMemDumpInfo(int32_t type);
+    int32_t MemPoolIoctl(int32_t cmd, const void* arg);
+    int32_t MemPoolCtrl(int32_t cmd, const void* in, void* out);
+
+    // Re-arms the idle summary: resets the idle count and wakes the looper.
+    void ForceCheck();
+    // Logs free, total and proportional memory and bumps the idle count.
+    void DumpMemInfo();
+    // Asks the looper thread to stop and wakes it so that it sees the request.
+    void RequestExit();
+
+    // The pool manager, for tests and diagnostics; guarded by mImplLock.
+    TalMemPoolImpl* GetImplForTest() { return memPoolImpl; }
+    int32_t GetTimeOutCount() const { return mTimeOutCount.load(); }
+    uint32_t GetPeakSize();
+
+private:
+    android::status_t readyToRun() override;
+    bool threadLoop() override;
+    // Logs "memPoolImpl invalid" for `func` when there is no pool manager.
+    bool ImplValidLocked(const char* func, int line) const;
+    int32_t PostLocked(int what, int32_t delayMs);
+
+    uint32_t mPeakSize = 0;
+    android::Mutex mImplLock;
+    // Written under mTimeOutLock; the looper reads it without the lock to pick
+    // its wait, so it is atomic.
+    std::atomic<int32_t> mTimeOutCount{0};
+    android::Mutex mTimeOutLock;
+    TalMemPoolImpl* memPoolImpl = nullptr;
+    android::sp<android::Looper> m_spMemLooper;
+    android::sp<MemHandler> memHandler;
+};
+
+} // namespace qv
+
+#endif // TALMEM_INTERFACE_TALMEMPOOLTHREAD_H
