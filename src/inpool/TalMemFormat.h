@@ -1,0 +1,193 @@
+#ifndef TALMEM_INPOOL_TALMEMFORMAT_H
+#define TALMEM_INPOOL_TALMEMFORMAT_H
+
+// The in-pool format: every byte of bookkeeping of the best-fit allocator
+// lives inside the pool it manages, as the plain structs below.
+//
+// Pool layout:  [TalMemPoolInfo][node][node]...[node][end node]
+//
+// Subtleties of TalMemDynNode:
+//  - `nodeSize` holds the size of the node, header included, in bits 0-30;
+//    bit 31 is the used flag. A node is free exactly when the word, read as a
+//    signed 32-bit number, is not negative.
+//  - `listNode` is a list link only while the node is free. A used node holds
+//    the used mark there instead: prevLink = ~(address of listNode) and
+//    nextLink = all ones. The list code never sees a used node.
+//  - `prevNode` is the physically preceding node; null for the first node.
+//  - `mcInfo` and the two names are owner tags; a freed node keeps its last
+//    owner's tags until it is allocated again or merged away.
+//  - The end node ("sentinel") occupies the last header-sized bytes of the
+//    pool, is marked used and is never handed out or counted.
+//
+// Widths are the natural ones of the build: on a 32-bit target the headers
+// are 280 and 528 bytes; every size below is derived with sizeof/alignof so
+// that a 64-bit host build has the same format with wider pointers.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qv {
+
+// One link of an intrusive, circular, doubly linked list; also a list head.
+struct TalDlList {
+    TalDlList* prevLink;
+    TalDlList* nextLink;
+};
+
+static constexpr uint32_t kTalMemMagic = 0xAC14BFE6u;
+static constexpr uint32_t kTalNodeUsedFlag = 0x80000000u;
+static constexpr uint32_t kTalNodeSizeMask = 0x7FFFFFFFu;
+// Set in the word before a handed-out address when it lies past the payload
+// start; the low bits then hold the gap.
+static constexpr uint32_t kTalAlignMarkFlag = 0x40000000u;
+static constexpr uint32_t kTalAlignGapMask = ~kTalAlignMarkFlag;
+static constexpr uint32_t kTalMultiHeadNum = 27;
+static constexpr uint32_t kTalNameLen = 128;
+static constexpr uintptr_t kTalPageSize = 4096;
+// Slack added to each request: a page for the alignment, a word for the marker.
+static constexpr uint32_t kTalAllocSlack = static_cast<uint32_t>(kTalPageSize) + sizeof(uint32_t);
+
+// First corruption recorded in a pool (fatalAddr 0: nothing recorded).
+struct TalMemFatalInfo {
+    uint32_t magic;
+    uintptr_t fatalAddr;
+    char algoName[kTalNameLen];
+    char moduleName[kTalNameLen];
+};
+
+// Pool header at the pool's first byte. `magic` is written last by the
+// initialisation, so a half-formatted pool is never taken for a pool.
+struct TalMemPoolInfo {
+    uint32_t magic;
+    uintptr_t pool;
+    uint32_t poolSize;
+    TalMemFatalInfo fatalInfo;
+    uint32_t poolCreate;
+    uint32_t usedSize;
+    uint32_t reserved;
+    uint32_t freeSize;
+    uint32_t maxFreeNodeSize;
+    uint32_t usedNodeNum;
+    uint32_t freeNodeNum;
+    uint32_t ratioFactor;
+    uint32_t useRatio;
+    TalDlList multiHead[kTalMultiHeadNum];
+};
+
+struct TalMemDynNode {
+    uint32_t magic;
+    TalDlList listNode;
+    TalMemDynNode* prevNode;
+    void* mcInfo;
+    char algoName[kTalNameLen];
+    char moduleName[kTalNameLen];
+    uint32_t nodeSize;
+};
+
+static constexpr uint32_t kTalNodeHeadSize = sizeof(TalMemDynNode);
+static constexpr uint32_t kTalPoolHeadSize = sizeof(TalMemPoolInfo);
+static constexpr uint32_t kTalNodeAlign = alignof(TalMemDynNode);
+// Pool header plus end node: the first node gets the rest of the pool.
+static constexpr uint32_t kTalPoolOverhead = kTalPoolHeadSize + kTalNodeHeadSize;
+// The smallest pool: the overhead, the first node's header and one byte.
+static constexpr uint32_t kTalMinPoolSize = kTalPoolOverhead + kTalNodeHeadSize + 1;
+// A split leaves a remainder only when it can hold a header and one word.
+static constexpr uint32_t kTalSplitMinRest = kTalNodeHeadSize + sizeof(uint32_t);
+// node + kTalPageRoundUp rounded down to a page is the address handed out.
+static constexpr uintptr_t kTalPageRoundUp = kTalNodeHeadSize + kTalPageSize - 1;
+
+static_assert(sizeof(void*) != 4 || kTalNodeHeadSize == 280, "node header is 280 bytes on 32 bit");
+static_assert(sizeof(void*) != 4 || kTalPoolHeadSize == 528, "pool header is 528 bytes on 32 bit");
+static_assert(sizeof(void*) != 4 || kTalPoolOverhead == 808, "pool overhead is 808 on 32 bit");
+static_assert(sizeof(void*) != 4 || kTalMinPoolSize == 1089, "smallest pool is 1089 on 32 bit");
+static_assert(kTalPoolHeadSize % kTalNodeAlign == 0, "the first node must be aligned");
+static_assert(kTalNodeHeadSize % kTalNodeAlign == 0, "node headers tile without gaps");
+
+// ---- tiny helpers: the only code that knows how the words are packed ----
+
+inline TalMemPoolInfo* TalPoolOf(uintptr_t pool)
+{
+    return reinterpret_cast<TalMemPoolInfo*>(pool);
+}
+inline uintptr_t TalAddrOf(const void* p)
+{
+    return reinterpret_cast<uintptr_t>(p);
+}
+inline uint32_t TalNodeSize(const TalMemDynNode* node)
+{
+    return node->nodeSize & kTalNodeSizeMask;
+}
+inline bool TalNodeIsFree(const TalMemDynNode* node)
+{
+    return static_cast<int32_t>(node->nodeSize) >= 0;
+}
+inline bool TalNodeMagicOk(const TalMemDynNode* node)
+{
+    return node->magic == kTalMemMagic;
+}
+inline TalMemDynNode* TalNodeAt(uintptr_t addr)
+{
+    return reinterpret_cast<TalMemDynNode*>(addr);
+}
+inline TalMemDynNode* TalNextNode(const TalMemDynNode* node)
+{
+    return TalNodeAt(TalAddrOf(node) + TalNodeSize(node));
+}
+inline TalMemDynNode* TalNodeOfLink(const TalDlList* link)
+{
+    return TalNodeAt(TalAddrOf(link) - offsetof(TalMemDynNode, listNode));
+}
+inline uintptr_t TalNodePayload(const TalMemDynNode* node)
+{
+    return TalAddrOf(node) + kTalNodeHeadSize;
+}
+// The page-aligned address that an allocation of this node handed out.
+inline uintptr_t TalNodeHandedOut(const TalMemDynNode* node)
+{
+    return (TalAddrOf(node) + kTalPageRoundUp) & ~(kTalPageSize - 1);
+}
+inline TalDlList* TalUsedMarkPrev(const TalMemDynNode* node)
+{
+    return reinterpret_cast<TalDlList*>(~TalAddrOf(&node->listNode));
+}
+inline TalDlList* TalUsedMarkNext()
+{
+    return reinterpret_cast<TalDlList*>(~uintptr_t{0});
+}
+inline void TalSetUsedMark(TalMemDynNode* node)
+{
+    node->listNode.nextLink = TalUsedMarkNext();
+    node->listNode.prevLink = TalUsedMarkPrev(node);
+}
+inline bool TalHasUsedMark(const TalMemDynNode* node)
+{
+    return node->listNode.prevLink == TalUsedMarkPrev(node);
+}
+inline TalMemDynNode* TalFirstNode(const TalMemPoolInfo* pool)
+{
+    return TalNodeAt(TalAddrOf(pool) + kTalPoolHeadSize);
+}
+inline TalMemDynNode* TalEndNode(const TalMemPoolInfo* pool)
+{
+    return TalNodeAt(TalAddrOf(pool) + pool->poolSize - kTalNodeHeadSize);
+}
+inline uint32_t* TalWordBefore(uintptr_t address)
+{
+    return reinterpret_cast<uint32_t*>(address - sizeof(uint32_t));
+}
+// Resolves a handed-out address to its node through the alignment marker.
+inline uintptr_t TalNodeAddrOfAddress(uintptr_t address)
+{
+    uint32_t word = *TalWordBefore(address);
+    uintptr_t payload = (word & kTalAlignMarkFlag) != 0 ? address - (word & kTalAlignGapMask) : address;
+    return payload - kTalNodeHeadSize;
+}
+// Used share in percent, in the pool's unsigned 32-bit arithmetic.
+inline uint32_t TalUseRatio(const TalMemPoolInfo* pool)
+{
+    return (pool->ratioFactor * (pool->usedSize >> 10) + 0x400000u) >> 23;
+}
+
+} // namespace qv
+
+#endif // TALMEM_INPOOL_TALMEMFORMAT_H
