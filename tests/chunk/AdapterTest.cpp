@@ -129,7 +129,7 @@ TEST_F(AdapterTest, DevIova_InvalidTypeLogsMappingAndItsOwnLine)
     FakeCameraBuffer fake;
     qv::convert2IBuf(&ibuf, &fake);
     EXPECT_EQ(ibuf.getDevIOVA(&ibuf, static_cast<BufDevType>(16)), 0u);
-    EXPECT_EQ(CountFuncLineErrors("GetCameraBufDevType", "input devType\\(16\\) is invalid\n"), 1);
+    EXPECT_EQ(CountFuncLineErrors("GetCameraBufDevType", "input devType(16) is invalid\n"), 1);
     EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "enter GetDevIOVA(), devType is invalid\n"));
     EXPECT_TRUE(fake.iovaTypes.empty());
     EXPECT_EQ(ibuf.getIOVA(&ibuf), 0x100000000ull + 0x100 * 0x1000ull);

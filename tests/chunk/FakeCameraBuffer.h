@@ -6,7 +6,6 @@
 // offset) the code under test chose.
 
 #include <cstdint>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -74,18 +73,29 @@ private:
     }
 };
 
-// ERROR lines whose message is "<func>(<line>): <rest>", the form of the
-// accessor checks, which carry their own source line.
-inline int CountFuncLineErrors(const std::string& func, const std::string& rest)
+// ERROR lines whose message is `prefix`, a decimal number, then `suffix`:
+// the form of messages that carry their own source line.
+inline int CountErrorsWithNumber(const std::string& prefix, const std::string& suffix)
 {
-    std::regex re("^" + func + "\\([0-9]+\\): " + rest + "$");
     int n = 0;
     for (const LogLine& line : LogCapture::Lines()) {
-        if (line.priority == ANDROID_LOG_ERROR && std::regex_match(line.message, re)) {
+        const std::string& m = line.message;
+        if (line.priority != ANDROID_LOG_ERROR || m.compare(0, prefix.size(), prefix) != 0) {
+            continue;
+        }
+        size_t digitsEnd = m.find_first_not_of("0123456789", prefix.size());
+        if (digitsEnd != std::string::npos && digitsEnd > prefix.size() &&
+            m.compare(digitsEnd, std::string::npos, suffix) == 0) {
             ++n;
         }
     }
     return n;
+}
+
+// "<func>(<line>): <rest>", the form of the accessor checks.
+inline int CountFuncLineErrors(const std::string& func, const std::string& rest)
+{
+    return CountErrorsWithNumber(func + "(", "): " + rest);
 }
 
 inline int CountCheckValid(const std::string& func)

@@ -257,13 +257,8 @@ TEST_F(TalMemChunkTest, Init_FailuresLogAndReturnMinusOne)
     LogCapture::Clear();
     TalMemChunk image(0, 0, 257, 0, "image");
     EXPECT_EQ(image.Init(), -1);
-    int allocLines = 0;
-    for (const auto& line : LogCapture::Lines()) {
-        allocLines += line.priority == ANDROID_LOG_ERROR &&
-                      std::regex_match(line.message,
-                                       std::regex("^Alloc,line = [0-9]+,alloc GraphicBuffer "
-                                                  "fail, return NULL!\n$"));
-    }
+    int allocLines = talmem_test::CountErrorsWithNumber(
+        "Alloc,line = ", ",alloc GraphicBuffer fail, return NULL!\n");
     EXPECT_EQ(allocLines, 1) << LogCapture::Dump();
     EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "Init malloc error memAllocType = 0 size = 0\n"));
     EXPECT_EQ(image.GetAddr(), nullptr);
