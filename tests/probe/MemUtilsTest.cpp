@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 using qv::MemUtils;
@@ -227,27 +226,6 @@ TEST_F(MemUtilsTest, MemtrackUnavailable_GraphicsIsZeroAndPssCountsOnlySmaps)
     TalHostSetMemtrackFault(TAL_MEMTRACK_OK, 0);
     EXPECT_GT(MemUtils::countPss(), smapsOnly + 3 * 1024)
         << "because the 4 MiB of graphics memory are added again";
-}
-
-TEST_F(MemUtilsTest, Probes_MayRunFromSeveralThreadsAtOnce)
-{
-    std::vector<std::thread> threads;
-    std::vector<int> bad(4, 0);
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t, &bad] {
-            for (int i = 0; i < 20; ++i) {
-                bad[t] += MemUtils::getFreeMemorySize() == 0;
-                bad[t] += MemUtils::countPss() <= 0;
-                MemUtils::countGraphicMem();
-            }
-        });
-    }
-    for (auto& th : threads) {
-        th.join();
-    }
-    for (int t = 0; t < 4; ++t) {
-        EXPECT_EQ(bad[t], 0) << "thread " << t;
-    }
 }
 
 } // namespace
