@@ -271,6 +271,12 @@ uint32_t TalMemPoolThread::GetPeakSize()
     return mPeakSize;
 }
 
+bool TalMemPoolThread::IsLooperReady()
+{
+    AutoMutex _l(mImplLock);
+    return m_spMemLooper != nullptr && memHandler != nullptr;
+}
+
 void TalMemPoolThread::RegisterAllocatorRef(int32_t ref, const std::string& name)
 {
     AutoMutex _l(mImplLock);

@@ -101,10 +101,20 @@ public:
     // Asks the looper thread to stop and wakes it so that it sees the request.
     void RequestExit();
 
-    // The pool manager, for tests and diagnostics; guarded by mImplLock.
+    // Diagnostics and tests. GetImplForTest hands out the pool manager without
+    // the lock (only for callers that know no other thread touches it);
+    // WithImplLocked runs `fn(memPoolImpl)` under mImplLock.
     TalMemPoolImpl* GetImplForTest() { return memPoolImpl; }
+    template <typename Fn>
+    auto WithImplLocked(Fn fn)
+    {
+        android::AutoMutex _l(mImplLock);
+        return fn(memPoolImpl);
+    }
     int32_t GetTimeOutCount() const { return mTimeOutCount.load(); }
     uint32_t GetPeakSize();
+    // True once the looper thread has made its looper and handler.
+    bool IsLooperReady();
 
 private:
     android::status_t readyToRun() override;
