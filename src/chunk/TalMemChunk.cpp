@@ -27,7 +27,9 @@ int32_t gUniqueIdCounter = 0;
 
 int32_t NextUniqueId()
 {
-    return ++gUniqueIdCounter;
+    // Increment first, so the first id is 1; wrap as the 32-bit counter does.
+    gUniqueIdCounter = static_cast<int32_t>(static_cast<uint32_t>(gUniqueIdCounter) + 1u);
+    return gUniqueIdCounter;
 }
 
 uint64_t UsageFromSelector(uint64_t usageSel)

@@ -6,6 +6,7 @@
 // offset) the code under test chose.
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
