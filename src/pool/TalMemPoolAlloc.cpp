@@ -24,13 +24,6 @@ uintptr_t TalMemPoolImpl::PrevAlloc(uint32_t size, const std::string& name,
     return SysAlloc(size, name, algoName, sysAllocInfo, 0, 0);
 }
 
-TalMemChunk* TalMemPoolImpl::PoolRecordOf(TalMemChunk* /*pool*/, uintptr_t /*address*/)
-{
-    return nullptr; // nothing is carved from pools yet
-}
-
-void TalMemPoolImpl::PoolRelease(TalMemChunk* /*pool*/, uintptr_t /*address*/) {}
-
 bool TalMemPoolImpl::PrevCheckMemRatio(uint32_t /*size*/, uint32_t /*chunkSize*/)
 {
     return false;

@@ -333,6 +333,11 @@ TalMemChunk* TalMemPoolImpl::FindPoolChunk(uintptr_t address) const
     return nullptr;
 }
 
+TalMemChunk* TalMemPoolImpl::PoolRecordOf(TalMemChunk* pool, uintptr_t address)
+{
+    return static_cast<TalMemChunk*>(talMem.GetMcInfo(AddrOf(pool), address));
+}
+
 void TalMemPoolImpl::Free(uintptr_t address)
 {
     TAL_LOGD("QvCamMem %s, addr 0x%lx \n", __func__, TalMaskAddr(address));
@@ -351,7 +356,7 @@ void TalMemPoolImpl::Free(uintptr_t address)
                  TalMaskAddr(address));
         return;
     }
-    PoolRelease(pool, address);
+    talMem.Free(AddrOf(pool), address);
     monitor.UpdateMemoryStatus(TAL_MEM_MONITOR_POOL_FREE, record);
     DelMemChunk(record);
     poolMcMap.erase(Key(address));

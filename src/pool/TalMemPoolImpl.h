@@ -19,6 +19,7 @@
 #include <unordered_map>
 
 #include "config/TalMemConfig.h"
+#include "inpool/TalMem.h"
 #include "monitor/TalMemPoolMonitor.h"
 #include "talmem/TalMemPool.h"
 #include "talmem/qva_ibuf.h"
@@ -155,6 +156,7 @@ public:
     TalChunkMap poolMcMap;
     TalChunkMap preAllocPoolMcMap;
     TalAlgoPeakMap algoPeakMap;
+    TalMem talMem;
     TalMemPoolMonitor monitor;
     TalMemConfig config;
     uint32_t maxMemSize = 0;
@@ -196,9 +198,8 @@ private:
     // The pool whose range holds `address` (base < address < base + size), or null.
     TalMemChunk* FindPoolChunk(uintptr_t address) const;
     // The allocation record the in-pool allocator keeps for `address` inside
-    // `pool`, or null; and the release of that range.
+    // `pool`, or null.
     TalMemChunk* PoolRecordOf(TalMemChunk* pool, uintptr_t address);
-    void PoolRelease(TalMemChunk* pool, uintptr_t address);
     // What one of the reuse maps holds at an address.
     enum class ReuseLookup { kAbsent, kNullChunk, kInUse };
     static ReuseLookup LookupReuseMap(TalChunkMap& map, uintptr_t address, TalMemChunk*& chunk);

@@ -3,8 +3,9 @@
 //
 // Pools are not built yet: no operation here creates one, so every request
 // is served by a direct allocation. What is done already is the part that
-// needs no pool: binding the monitor, the camera-close flag and the clear of
-// an empty pool set.
+// needs no pool: initialising the in-pool allocator and the monitor, the
+// camera-close flag and the clear of an empty pool set. Loading the
+// configuration and the learnt peak table comes with the pools.
 
 #include "pool/TalMemPoolImpl.h"
 
@@ -15,6 +16,7 @@ namespace qv {
 
 int32_t TalMemPoolImpl::PoolInit()
 {
+    talMem.TalMemInit();
     monitor.PoolMonitorInit(poolChunkList, sysPrevMcMap);
     return 0;
 }

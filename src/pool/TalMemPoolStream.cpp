@@ -59,6 +59,9 @@ void TalMemPoolImpl::OnEos()
     UpdatePeakSize();
     monitor.UpdateMemoryStatus(TAL_MEM_MONITOR_EOS, nullptr);
     streamState = 3;
+    for (TalMemChunk* pool : poolChunkList) {
+        talMem.CheckFatalAddr(reinterpret_cast<uintptr_t>(pool->GetAddr()));
+    }
 }
 
 void TalMemPoolImpl::UpdatePPState(int32_t ppType, int32_t state)

@@ -223,11 +223,12 @@ TEST_F(TalMemPoolImplTest, Free_NullUnknownAndDoubleFree_AreHandledQuietly)
 
 TEST_F(TalMemPoolImplTest, Free_PoolBaseAddress_IsNotPoolMemory)
 {
-    TalMemChunk* pool = impl.NewMemChunk(0x10000, 1, 0, "PP:BASE_POOL", 1);
+    TalMemChunk* pool = impl.NewMemChunk(0x100000, 1, 0, "PP:BASE_POOL", 1);
     ASSERT_NE(pool, nullptr);
     pool->poolId = 1;
     impl.poolChunkList.push_back(pool);
     uintptr_t base = reinterpret_cast<uintptr_t>(pool->GetAddr());
+    ASSERT_EQ(impl.talMem.Init(base, 0x100000), 0);
 
     impl.Free(base);
     EXPECT_EQ(LogCapture::CountContaining("GetMcInfo fail"), 0)
@@ -237,7 +238,7 @@ TEST_F(TalMemPoolImplTest, Free_PoolBaseAddress_IsNotPoolMemory)
                                               Hex((base + 0x1000) & 0xFFFFFF) +
                                               " GetMcInfo fail\n"))
         << "because an address inside the pool is looked up in the pool";
-    impl.Free(base + 0x10000);
+    impl.Free(base + 0x100000);
     EXPECT_EQ(LogCapture::CountContaining("GetMcInfo fail"), 1)
         << "because the pool's end is outside it";
     EXPECT_EQ(impl.poolChunkList.size(), 1u);
@@ -365,6 +366,42 @@ TEST_F(TalMemPoolImplTest, Destruction_ReleasesEveryChunkOfEveryMap)
         EXPECT_GT(QvCamera::CameraBufferInterface::GetHeldBytes(), before);
     }
     EXPECT_EQ(QvCamera::CameraBufferInterface::GetHeldBytes(), before);
+}
+
+} // namespace
+
+namespace {
+
+// A range carved from a planted pool the way pool allocation records it.
+TEST_F(TalMemPoolImplTest, FreeAndGetIBuf_InsideAPool_UseTheAllocatorsRecord)
+{
+    constexpr uint32_t kPoolSize = 0x100000;
+    TalMemChunk* pool = impl.NewMemChunk(kPoolSize, 1, 0, "PP:BASE_POOL", 1);
+    ASSERT_NE(pool, nullptr);
+    pool->poolId = 1;
+    impl.poolChunkList.push_back(pool);
+    uintptr_t base = reinterpret_cast<uintptr_t>(pool->GetAddr());
+    ASSERT_EQ(impl.talMem.Init(base, kPoolSize), 0);
+    uintptr_t addr = impl.talMem.Alloc(base, 0x2000);
+    ASSERT_NE(addr, 0u);
+    TalMemChunk* record = impl.NewMemChunk(0x2000, 0, 0, "Unknown", 1);
+    ASSERT_NE(record, nullptr);
+    record->CfgMemChunk(pool->GetIBuf(), static_cast<uint32_t>(addr - base), 0x2000, "algo");
+    record->poolId = 1;
+    ASSERT_EQ(impl.talMem.SetMcInfo(addr, record, "algo", "mod"), 0);
+    impl.poolMcMap[reinterpret_cast<void*>(addr)] = record;
+    impl.monitor.UpdateMemoryStatus(qv::TAL_MEM_MONITOR_POOL_ALLOC, record);
+
+    const qva_ibuf* ibuf = impl.GetIBuf(addr);
+    ASSERT_EQ(ibuf, record->GetIBuf());
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(ibuf->getAddr(ibuf)), addr);
+    EXPECT_EQ(ibuf->getPoolSize(ibuf), kPoolSize);
+    EXPECT_EQ(impl.talMem.GetUsedNum(base), 1);
+
+    impl.Free(addr);
+    EXPECT_EQ(impl.talMem.GetUsedNum(base), 0) << "because the range went back to the pool";
+    EXPECT_TRUE(impl.poolMcMap.empty());
+    EXPECT_EQ(impl.poolChunkList.size(), 1u) << "because freeing a range keeps the pool";
 }
 
 } // namespace
