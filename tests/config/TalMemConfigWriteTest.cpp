@@ -18,11 +18,13 @@ namespace {
 
 constexpr int kE = ANDROID_LOG_ERROR;
 
+// readdir64: a 32-bit process under emulation on a 64-bit file system gets
+// EOVERFLOW from plain readdir.
 std::vector<std::string> ListDir(const std::string& dir)
 {
     std::vector<std::string> names;
     if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d)) {
+        while (struct dirent64* e = readdir64(d)) {
             std::string n = e->d_name;
             if (n != "." && n != "..") {
                 names.push_back(n);
