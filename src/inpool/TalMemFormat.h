@@ -25,6 +25,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace qv {
 
@@ -176,11 +177,24 @@ inline uint32_t* TalWordBefore(uintptr_t address)
     return reinterpret_cast<uint32_t*>(address - sizeof(uint32_t));
 }
 // Resolves a handed-out address to its node through the alignment marker.
+// The word is loaded without assuming alignment: the address may be bad input.
 inline uintptr_t TalNodeAddrOfAddress(uintptr_t address)
 {
-    uint32_t word = *TalWordBefore(address);
+    uint32_t word;
+    memcpy(&word, reinterpret_cast<const void*>(address - sizeof(uint32_t)), sizeof(word));
     uintptr_t payload = (word & kTalAlignMarkFlag) != 0 ? address - (word & kTalAlignGapMask) : address;
     return payload - kTalNodeHeadSize;
+}
+inline bool TalNodeAligned(uintptr_t nodeAddr)
+{
+    return nodeAddr % kTalNodeAlign == 0;
+}
+// The first word of a would-be node, loaded without assuming alignment.
+inline uint32_t TalLoadMagic(uintptr_t nodeAddr)
+{
+    uint32_t magic;
+    memcpy(&magic, reinterpret_cast<const void*>(nodeAddr), sizeof(magic));
+    return magic;
 }
 // Used share in percent, in the pool's unsigned 32-bit arithmetic.
 inline uint32_t TalUseRatio(const TalMemPoolInfo* pool)

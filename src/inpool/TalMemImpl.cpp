@@ -339,8 +339,8 @@ int TalMemImpl::TalMemSetMcInfo(uintptr_t address, void* mcInfo, const char* alg
         return 0;
     }
     TalMemDynNode* node = TalNodeAt(nodeAddr);
-    if (!TalNodeMagicOk(node)) {
-        TAL_LOGE("%s(%d):MAGIC_CHECK error 0x%x\n\n", __func__, 152, node->magic);
+    if (!TalNodeAligned(nodeAddr) || !TalNodeMagicOk(node)) {
+        TAL_LOGE("%s(%d):MAGIC_CHECK error 0x%x\n\n", __func__, 152, TalLoadMagic(nodeAddr));
         return -2;
     }
     if (TalNodeIsFree(node)) {
@@ -368,8 +368,8 @@ void* TalMemImpl::TalMemGetMcInfo(uintptr_t poolAddr, uintptr_t address)
                  TalMaskAddr(poolAddr), TalMaskAddr(address));
         return nullptr;
     }
-    if (!TalNodeMagicOk(node)) {
-        TAL_LOGE("%s(%d):MAGIC_CHECK error 0x%x\n\n", __func__, 163, node->magic);
+    if (!TalNodeAligned(TalAddrOf(node)) || !TalNodeMagicOk(node)) {
+        TAL_LOGE("%s(%d):MAGIC_CHECK error 0x%x\n\n", __func__, 163, TalLoadMagic(TalAddrOf(node)));
         return nullptr;
     }
     if (TalNodeIsFree(node)) {

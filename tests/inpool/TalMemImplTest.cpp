@@ -41,6 +41,9 @@ TEST_F(TalMemImplTest, Init_RejectsNullAndTooSmallAndFormatsTheSmallestPool)
     EXPECT_EQ(impl.TalMemInit(0, kPoolSize), -1);
     EXPECT_EQ(impl.TalMemInit(small.addr(), kTalMinPoolSize - 1), -3);
     EXPECT_EQ(small.info()->magic, 0u) << "because a refused pool is left unformatted";
+    // A first node of 2^31 bytes has no size class; the end node is never reached.
+    EXPECT_EQ(impl.TalMemInit(small.addr(), 0x80000000u + kTalPoolOverhead), -100);
+    EXPECT_EQ(small.info()->magic, 0u);
     ASSERT_EQ(impl.TalMemInit(small.addr(), kTalMinPoolSize), 0);
     uint32_t usable = kTalMinPoolSize & ~(kTalNodeAlign - 1);
     EXPECT_EQ(small.info()->poolSize, usable);
@@ -285,6 +288,10 @@ TEST_F(TalMemImplTest, Free_RejectsNullUnformattedForeignAndRepeatedAddresses)
     EXPECT_EQ(Free(pool + kPoolSize + 4096), -100) << "because it lies beyond the pool";
     EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "OsMemIsNodeValid(201): OS_MEM_MIDDLE_ADDR check error\n"));
     EXPECT_EQ(Free(TalAddrOf(NodeOf(b)) + 8), -100) << "because it points into a header";
+    EXPECT_EQ(Free(b + 1), -100) << "because a misaligned address has no node";
+    int record = 0;
+    EXPECT_EQ(impl.TalMemSetMcInfo(b + 2, &record, "x", "y"), -2);
+    EXPECT_EQ(impl.TalMemGetMcInfo(pool, b + 2), nullptr);
 
     ASSERT_EQ(Free(b), 0);
     LogCapture::Clear();
