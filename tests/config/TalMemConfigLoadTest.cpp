@@ -1,5 +1,5 @@
-// Reading of the configuration record: fixed elements, optional limits,
-// rejections and the allocate type handed to the allocator-type manager.
+// Files that load: the record, the optional limits, the table and the
+// allocate type handed to the allocator-type manager.
 
 #include "ConfigTestSupport.h"
 #include "interface/QvaAlgoMemAllocatorManager.h"
@@ -12,23 +12,31 @@ constexpr int kW = ANDROID_LOG_WARN;
 constexpr int kI = ANDROID_LOG_INFO;
 
 using Manager = qv::QvaAlgoMemAllocatorManager;
+using Entries = std::vector<std::pair<std::string, uint32_t>>;
 
 class ConfigLoadTest : public ConfigTest {
 protected:
     void SetUp() override
     {
         ConfigTest::SetUp();
-        // The manager is process-wide: start every test from a known type.
+        // The manager is process-wide: start every test from a type no file sets.
         Manager::getSingleton()->setAlgoAllocatorType(Manager::ALGO_ALLOCATOR_EXTERNAL);
         LogCapture::Clear();
     }
-    static std::string Limits(const std::string& algoLimit, const std::string& ratio,
-                              const std::string& multi)
+    Entries EntriesOf(const std::string& algo)
     {
-        return "<AllocType>1</AllocType><BasePoolSize>1000</BasePoolSize>" + algoLimit + ratio +
-               multi + "<Algo name=\"a\" value=\"1\"/>";
+        Entries out;
+        for (const auto& e : table[algo]) {
+            out.emplace_back(e.resolution, e.algoSize);
+        }
+        return out;
     }
-    void ExpectDefaults(const qv::TalMemConfig& c)
+    static std::string Limits(const std::string& limits)
+    {
+        return ConfigXml("<AllocType>1</AllocType><BasePoolSize>1000</BasePoolSize>" + limits +
+                         "<Algo name=\"a\" value=\"1\"/>");
+    }
+    static void ExpectDefaultLimits(const qv::TalMemConfig& c)
     {
         EXPECT_EQ(c.algoSizeLimit, 471859200);
         EXPECT_EQ(c.prevRatioLimit, 75);
@@ -36,15 +44,9 @@ protected:
     }
 };
 
-TEST_F(ConfigLoadTest, ConstructorSetsTheDocumentedDefaults)
+TEST_F(ConfigLoadTest, ValidFileFillsTheRecordAndLogsEachValue)
 {
-    EXPECT_EQ(config.allocateType, 0);
-    EXPECT_EQ(config.basePoolSize, 0);
-    ExpectDefaults(config);
-}
-
-TEST_F(ConfigLoadTest, ValidFileFillsRecordLogsEachValueAndSetsPoolAllocator)
-{
+    ExpectDefaultLimits(config);
     ASSERT_EQ(LoadText(ConfigXml("<AllocType>1</AllocType><BasePoolSize>209715200</BasePoolSize>"
                                  "<AlgoSizeLimit>524288000</AlgoSizeLimit>"
                                  "<PrevRatioLimit>20</PrevRatioLimit>"
@@ -53,7 +55,7 @@ TEST_F(ConfigLoadTest, ValidFileFillsRecordLogsEachValueAndSetsPoolAllocator)
               0)
         << LogCapture::Dump();
     EXPECT_EQ(config.allocateType, 1);
-    EXPECT_EQ(config.basePoolSize, 209715200) << "because 200 MiB is inside the range";
+    EXPECT_EQ(config.basePoolSize, 209715200);
     EXPECT_EQ(config.algoSizeLimit, 524288000);
     EXPECT_EQ(config.prevRatioLimit, 20);
     EXPECT_EQ(config.multiPoolSize, 104857600);
@@ -63,26 +65,23 @@ TEST_F(ConfigLoadTest, ValidFileFillsRecordLogsEachValueAndSetsPoolAllocator)
     EXPECT_EQ(LogCapture::Count(kI, " AlgoSizeLimit  524288000 524288000\n"), 1);
     EXPECT_EQ(LogCapture::Count(kI, " PrevRatioLimit  20 20\n"), 1);
     EXPECT_EQ(LogCapture::Count(kI, " MultiPoolSize  104857600 104857600\n"), 1);
-    ASSERT_EQ(table.size(), 1u);
-    EXPECT_EQ(table["a"].front().algoSize, 7u);
+    EXPECT_EQ(EntriesOf("a"), (Entries{{"default", 7}}));
 }
 
 TEST_F(ConfigLoadTest, AllocTypeZeroInDeviceFileStopsBeforeLimitsAndTable)
 {
     ASSERT_EQ(LoadText(ConfigXml("<AllocType>0</AllocType><BasePoolSize>1000</BasePoolSize>"
-                                 "<AlgoSizeLimit>1000</AlgoSizeLimit>"
-                                 "<Algo name=\"a\" value=\"7\"/>")),
+                                 "<AlgoSizeLimit>1000</AlgoSizeLimit><Algo name=\"a\" value=\"7\"/>")),
               0);
     EXPECT_EQ(config.allocateType, 0);
     EXPECT_EQ(config.basePoolSize, 0);
-    ExpectDefaults(config);
+    ExpectDefaultLimits(config);
     EXPECT_TRUE(table.empty());
     EXPECT_EQ(Manager::getSingleton()->getAlgoAllocatorType(), 0)
         << "because the device file's type goes to the allocator-type manager";
-}
 
-TEST_F(ConfigLoadTest, AllocTypeZeroInFilterFileFailsAndLeavesTheManagerAlone)
-{
+    // In the learnt file the same type is refused before it reaches the manager.
+    Manager::getSingleton()->setAlgoAllocatorType(Manager::ALGO_ALLOCATOR_EXTERNAL);
     WriteFile(FilterFile(), ConfigXml(FixedElements("0")));
     EXPECT_EQ(config.LoadTalMemConfig(FilterFile(), table), -1);
     EXPECT_EQ(LogCapture::Count(kE, "get AllocType fail, fileName:" + FilterFile() + ", type:0\n"),
@@ -90,98 +89,10 @@ TEST_F(ConfigLoadTest, AllocTypeZeroInFilterFileFailsAndLeavesTheManagerAlone)
     EXPECT_EQ(Manager::getSingleton()->getAlgoAllocatorType(), 2);
 }
 
-TEST_F(ConfigLoadTest, RootProblemsFailTheLoad)
-{
-    struct Case {
-        std::string xml;
-        std::string message;
-    } cases[] = {
-        {"<TalMemPoolConfig><AllocType>1</AllocType></TalMemPoolConfig>",
-         "CheckElementValue parameter is invalid!\n"},
-        {ConfigXml(FixedElements(), "0123456789012345678901234567890"),
-         "CheckElementValue fail! value=0123456789012345678901234567890 len=31\n"},
-        {"<Other>text<AllocType>1</AllocType></Other>",
-         "CheckElementName check XMLElement:TalMemPoolConfig fail! Other\n"},
-        {ConfigXml(""), "talmempoolcfg get allocateType fail!\n"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
-        LogCapture::Clear();
-        EXPECT_EQ(LoadText(c.xml), -1);
-        EXPECT_EQ(LogCapture::Count(kE, c.message), 1) << LogCapture::Dump();
-    }
-    EXPECT_EQ(LoadText(ConfigXml(FixedElements() + "<Algo name=\"a\" value=\"1\"/>",
-                                 "012345678901234567890123456789")),
-              0)
-        << "because a root text of exactly 30 characters is allowed";
-}
-
-TEST_F(ConfigLoadTest, UnparsableFilesFailWithLoadFileMessage)
-{
-    const std::string path = DeviceFile("scratch.xml");
-    const std::string message = "talmempoolcfg LoadFile " + path + " fail!\n";
-    std::string garbage(4096, '\0');
-    for (size_t i = 0; i < garbage.size(); ++i) {
-        garbage[i] = static_cast<char>((i * 131 + 7) & 0xFF);
-    }
-    for (const std::string& text : {std::string("<TalMemPoolConfig>x<AllocType>1</AllocType>"),
-                                    std::string(""), garbage}) {
-        LogCapture::Clear();
-        EXPECT_EQ(LoadText(text), -1);
-        EXPECT_EQ(LogCapture::Count(kE, message), 1) << LogCapture::Dump();
-    }
-    LogCapture::Clear();
-    EXPECT_EQ(config.LoadTalMemConfig(DeviceFile("missing.xml"), table), -1);
-    EXPECT_EQ(LogCapture::Count(kE, "talmempoolcfg LoadFile " + DeviceFile("missing.xml") +
-                                        " fail!\n"),
-              1);
-}
-
-TEST_F(ConfigLoadTest, FixedElementRejectionsNameTheElement)
-{
-    struct Case {
-        std::string body;
-        std::vector<std::string> messages;
-    } cases[] = {
-        {"<BasePoolSize>1</BasePoolSize>",
-         {"CheckElementName check XMLElement:AllocType fail! BasePoolSize\n",
-          "CheckFixedElement check AllocType fail!\n"}},
-        {"<AllocType>2</AllocType>",
-         {"CheckValueRange check limit fail! 2  0  1\n",
-          "CheckFixedElement check AllocType value range fail!\n"}},
-        {"<AllocType>11</AllocType>",
-         {"CheckElementValue fail! value=11 len=2\n", "CheckFixedElement check AllocType fail!\n"}},
-        {"<AllocType> 1</AllocType>",
-         {"CheckFixedElement check AllocType fail!\n"}}, // whitespace is preserved and counted
-        {"<AllocType>1</AllocType>",
-         {"CheckElementName parameter is invalid!\n",
-          "CheckFixedElement check BasePoolSize fail!\n"}},
-        {"<AllocType>1</AllocType><BasePoolSize></BasePoolSize>",
-         {"CheckElementValue parameter is invalid!\n",
-          "CheckFixedElement check BasePoolSize fail!\n"}},
-        {"<AllocType>1</AllocType><BasePoolSize>209715201</BasePoolSize>",
-         {"CheckValueRange check limit fail! 209715201  0  209715200\n",
-          "CheckFixedElement check BasePoolSize value range fail!\n"}},
-        {"<AllocType>1</AllocType><BasePoolSize>-1</BasePoolSize>",
-         {"CheckFixedElement check BasePoolSize value range fail!\n"}},
-        {"<AllocType>1</AllocType><BasePoolSize>1000000000</BasePoolSize>",
-         {"CheckElementValue fail! value=1000000000 len=10\n"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.body);
-        LogCapture::Clear();
-        EXPECT_EQ(LoadText(ConfigXml(c.body)), -1);
-        for (const std::string& m : c.messages) {
-            EXPECT_EQ(LogCapture::Count(kE, m), 1) << m << LogCapture::Dump();
-        }
-    }
-}
-
 TEST_F(ConfigLoadTest, NumbersReadTheirLeadingDigitsOnly)
 {
     ASSERT_EQ(LoadText(ConfigXml("<AllocType>1</AllocType><BasePoolSize>4096abc</BasePoolSize>"
-                                 "<PrevRatioLimit>50%</PrevRatioLimit>"
-                                 "<Algo name=\"a\" value=\"1\"/>")),
+                                 "<PrevRatioLimit>50%</PrevRatioLimit><Algo name=\"a\" value=\"1\"/>")),
               0);
     EXPECT_EQ(config.basePoolSize, 4096);
     EXPECT_EQ(config.prevRatioLimit, 50);
@@ -189,8 +100,8 @@ TEST_F(ConfigLoadTest, NumbersReadTheirLeadingDigitsOnly)
 
 TEST_F(ConfigLoadTest, MissingOptionalLimitsWarnAndKeepDefaults)
 {
-    ASSERT_EQ(LoadText(ConfigXml(Limits("", "", ""))), 0) << LogCapture::Dump();
-    ExpectDefaults(config);
+    ASSERT_EQ(LoadText(Limits("")), 0) << LogCapture::Dump();
+    ExpectDefaultLimits(config);
     EXPECT_EQ(LogCapture::Count(kW, "LoadVariableElement AlgoSizeLimit is missing!\n"), 1);
     EXPECT_EQ(LogCapture::Count(kW, "LoadVariableElement PrevRatioLimit is missing!\n"), 1);
     EXPECT_EQ(LogCapture::Count(kW, "LoadMultiPoolSize MultiPoolSize is missing!\n"), 1);
@@ -202,71 +113,65 @@ TEST_F(ConfigLoadTest, MissingOptionalLimitsWarnAndKeepDefaults)
 
 TEST_F(ConfigLoadTest, OutOfRangeLimitsFallBackToDefaultsAndTheLoadGoesOn)
 {
-    ASSERT_EQ(LoadText(ConfigXml(Limits("<AlgoSizeLimit>524288001</AlgoSizeLimit>",
-                                        "<PrevRatioLimit>101</PrevRatioLimit>",
-                                        "<MultiPoolSize>104857599</MultiPoolSize>"))),
-              0);
-    ExpectDefaults(config);
-    EXPECT_EQ(LogCapture::Count(
-                  kE, "LoadVariableElement algoSizeLimit:524288001 exceeds limit, set default!\n"),
-              1);
-    EXPECT_EQ(LogCapture::Count(kE,
-                                "LoadVariableElement prevRatioLimit:101 exceeds limit, set default!\n"),
-              1);
-    EXPECT_EQ(LogCapture::Count(
-                  kE, "LoadMultiPoolSize multiPoolSize:104857599 exceeds limit, set default!\n"),
-              1);
-
-    qv::TalMemConfig low;
-    qv::TalAlgoPeakMap lowTable;
-    LogCapture::Clear();
-    WriteFile(DeviceFile("low.xml"),
-              ConfigXml(Limits("<AlgoSizeLimit>-1</AlgoSizeLimit>",
-                               "<PrevRatioLimit>19</PrevRatioLimit>",
-                               "<MultiPoolSize>262144001</MultiPoolSize>")));
-    ASSERT_EQ(low.LoadTalMemConfig(DeviceFile("low.xml"), lowTable), 0);
-    ExpectDefaults(low);
-    EXPECT_EQ(LogCapture::CountContaining("exceeds limit, set default!"), 3);
-}
-
-TEST_F(ConfigLoadTest, OverLongLimitTextsFailTheLoad)
-{
-    struct Case {
-        std::string body;
-        std::string message;
-    } cases[] = {
-        {Limits("<AlgoSizeLimit>1000000000</AlgoSizeLimit>", "", ""),
-         "LoadVariableElement check AlgoSizeLimit fail!\n"},
-        {Limits("", "<PrevRatioLimit>1000</PrevRatioLimit>", ""),
-         "LoadVariableElement check PrevRatioLimit fail!\n"},
-        {Limits("", "<PrevRatioLimit></PrevRatioLimit>", ""),
-         "LoadVariableElement check PrevRatioLimit fail!\n"},
-        {Limits("", "", "<MultiPoolSize>0104857600</MultiPoolSize>"),
-         "LoadTalMemConfig load variable element or algo fail!\n"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.body);
+    for (const std::string limits : {"<AlgoSizeLimit>524288001</AlgoSizeLimit><PrevRatioLimit>101"
+                                     "</PrevRatioLimit><MultiPoolSize>104857599</MultiPoolSize>",
+                                     "<AlgoSizeLimit>-1</AlgoSizeLimit><PrevRatioLimit>19"
+                                     "</PrevRatioLimit><MultiPoolSize>262144001</MultiPoolSize>"}) {
+        SCOPED_TRACE(limits);
+        qv::TalMemConfig fresh;
+        qv::TalAlgoPeakMap freshTable;
         LogCapture::Clear();
-        EXPECT_EQ(LoadText(ConfigXml(c.body)), -1);
-        EXPECT_EQ(LogCapture::Count(kE, c.message), 1) << LogCapture::Dump();
-        EXPECT_EQ(LogCapture::Count(kE, "LoadTalMemConfig load variable element or algo fail!\n"),
-                  1);
+        WriteFile(DeviceFile("limits.xml"), Limits(limits));
+        ASSERT_EQ(fresh.LoadTalMemConfig(DeviceFile("limits.xml"), freshTable), 0);
+        ExpectDefaultLimits(fresh);
+        EXPECT_EQ(LogCapture::CountContaining("exceeds limit, set default!"), 3);
     }
-    EXPECT_EQ(LogCapture::Count(kE, "LoadMultiPoolSize check MultiPoolSize fail!\n"), 1);
+    EXPECT_EQ(LogCapture::Count(kE, "LoadVariableElement prevRatioLimit:19 exceeds limit, set "
+                                    "default!\n"),
+              1);
+    EXPECT_EQ(LogCapture::Count(kE, "LoadMultiPoolSize multiPoolSize:262144001 exceeds limit, set "
+                                    "default!\n"),
+              1);
 }
 
-TEST_F(ConfigLoadTest, FileEndingAfterTheLimitsFails)
+TEST_F(ConfigLoadTest, ElementsOfOneAlgorithmMergeInFileOrderAndKeepExtraPairs)
 {
-    EXPECT_EQ(LoadText(ConfigXml(FixedElements())), -1);
-    EXPECT_EQ(config.multiPoolSize, 230686720) << "because fields are written as they are read";
-    EXPECT_EQ(LogCapture::Count(kE, "LoadTalMemConfig load variable element or algo fail!\n"), 1);
-    EXPECT_EQ(LogCapture::CountContaining("parse algo failed"), 0)
-        << "because the missing algorithm part fails without a line of its own";
+    ASSERT_EQ(LoadText(ConfigWithAlgos(
+                  "<Algo name=\"mfnr\" value=\"10\" resolution=\"4096x3072\" value1=\"20\" "
+                  "resolution1=\"1920x1080p\"/>"
+                  "<Other name=\"hdr\" value=\"5\"/><Algo name=\"empty\"/>"
+                  "<Algo name=\"mfnr\" value=\"0\" resolution=\"8192x6144\" value1=\"2\" "
+                  "resolution1=\"2x2\" value2=\"3\" resolution2=\"3x3\" value3=\"4\" "
+                  "resolution3=\"4x4\"/>")),
+              0)
+        << LogCapture::Dump();
+    EXPECT_EQ(EntriesOf("mfnr"), (Entries{{"4096x3072", 10}, {"1920x1080p", 20}, {"8192x6144", 0},
+                                          {"2x2", 2}, {"3x3", 3}, {"4x4", 4}}));
+    EXPECT_EQ(EntriesOf("hdr"), (Entries{{"default", 5}}))
+        << "because the element name is not checked and a lone value reads as default";
+    EXPECT_EQ(table.count("empty"), 0u);
+    EXPECT_EQ(LogCapture::Count(kW, "talmempoolcfg ParseAlgoInfo algolist is NULL\n"), 1);
+    EXPECT_EQ(
+        LogCapture::Count(kW, "talmempoolcfg ParseAlgoSize resolution num:3 exceeds the limit:2\n"),
+        1);
+    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "name=[mfnr]\n"), 2);
+    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "resolution1=[1920x1080p]\n"), 1);
+}
 
-    LogCapture::Clear();
-    EXPECT_EQ(LoadText(ConfigXml("<AllocType>1</AllocType><BasePoolSize>1</BasePoolSize>")), -1);
-    EXPECT_EQ(LogCapture::Count(kW, "LoadMultiPoolSize MultiPoolSize is missing!\n"), 1);
-    EXPECT_EQ(LogCapture::Count(kE, "CheckElementName parameter is invalid!\n"), 3);
+TEST_F(ConfigLoadTest, SizesAboveTheFilesAlgoSizeLimitAreCapped)
+{
+    ASSERT_EQ(LoadText(ConfigWithAlgos("<Algo name=\"big\" value=\"600000000\"/>")), 0);
+    EXPECT_EQ(EntriesOf("big"), (Entries{{"default", 471859200}}));
+    EXPECT_EQ(LogCapture::Count(
+                  kE, "CheckAlgoSize algosize:600000000 exceeds limit:471859200, set default!\n"),
+              1);
+
+    table.clear();
+    ASSERT_EQ(LoadText(ConfigXml("<AllocType>1</AllocType><BasePoolSize>0</BasePoolSize>"
+                                 "<AlgoSizeLimit>1000</AlgoSizeLimit>"
+                                 "<Algo name=\"a\" value=\"1001\"/>")),
+              0);
+    EXPECT_EQ(EntriesOf("a"), (Entries{{"default", 1000}}));
 }
 
 } // namespace
