@@ -245,7 +245,7 @@ TEST_F(TalMemChecksDeathTest, Overrun_AbortsWhenFatalExitIsSet)
     EXPECT_DEATH(Free(b), "") << "because a confirmed corruption ends the process";
 }
 
-// The refresh as first described: for each head, walk every list from it to
+// The straightforward refresh: for each head, walk every list from it to
 // the last; a broken node logs, dumps and yields 0 for that head.
 uint32_t ReferenceMaxFree(TalMemImpl& impl, TalMemPoolInfo* pool)
 {

@@ -53,7 +53,7 @@ TEST_F(TalMemImplTest, Init_RejectsNullAndTooSmallAndFormatsTheSmallestPool)
     EXPECT_EQ(impl.TalMemAlloc(small.addr(), 1), 0u) << "because nothing fits in the smallest pool";
 }
 
-TEST_F(TalMemImplTest, Init_FreshPoolHasOneFreeNodeAndTheDocumentedCounters)
+TEST_F(TalMemImplTest, Init_FreshPoolHasOneFreeNodeSpanningTheUsableSize)
 {
     MappedRegion other(kPoolSize);
     LogCapture::Clear();

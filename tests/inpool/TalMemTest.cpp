@@ -42,7 +42,7 @@ TEST_F(TalMemTest, NoObject_EveryOperationLogsAndReturnsItsNoObjectValue)
     EXPECT_EQ(region.info()->magic, 0u) << "because the memory was never touched";
 }
 
-TEST_F(TalMemTest, BadArguments_LogInputErrorAndErrorCodeWhereDocumented)
+TEST_F(TalMemTest, BadArguments_LogInputErrorAndErrorCodeForInitFreeDumpAndTag)
 {
     qv::TalMem mem;
     ASSERT_EQ(mem.TalMemInit(), 0);
