@@ -10,19 +10,20 @@ using qv::TalMemChunk;
 using qv::TalMemPoolMonitor;
 using talmem_test::LogCapture;
 
-TEST(MonitorTypeNames, KnownValuesHaveDisplayNamesAndOthersAreUnknown)
+TEST(MonitorTypeNames, ValuesOutsideTheTableAreUnknown)
 {
-    const char* expected[] = {"PoolAlloc", "SysAlloc", "PoolFree", "SysFree", "SOS",
-                              "Frame",     "EOS",      "Release",  "Clear",   "Check"};
-    for (int t = 0; t < 10; ++t) {
-        EXPECT_STREQ(expected[t], TalMemPoolMonitor::MonitorType2str(t));
-    }
+    EXPECT_STREQ("Check", TalMemPoolMonitor::MonitorType2str(9));
     EXPECT_STREQ("Unknown", TalMemPoolMonitor::MonitorType2str(-1));
     EXPECT_STREQ("Unknown", TalMemPoolMonitor::MonitorType2str(10));
-    EXPECT_STREQ("Others", TalMemPoolMonitor::AllocateType2str(2));
     EXPECT_STREQ("Unknown", TalMemPoolMonitor::AllocateType2str(3));
-    EXPECT_STREQ("STATUS_EOS", TalMemPoolMonitor::CaptureStatus2str(3));
     EXPECT_STREQ("Unknown", TalMemPoolMonitor::CaptureStatus2str(4));
+}
+
+TEST_F(MonitorTest, PerTypeIndexOutsideTheArrays_Aborts)
+{
+    Bind();
+    EXPECT_DEATH(monitor().CheckUpdateAlgoInfo(3), "");
+    EXPECT_DEATH(monitor().AllocUpdateAlgoInfo(-1, "x", 4096, 0), "");
 }
 
 TEST_F(MonitorTest, PoolStatus_AllocAndFreeOfBothKinds_CountPerTypeAndKeepPeak)
@@ -192,20 +193,7 @@ TEST_F(MonitorTest, Stream_SosFrameEos_SnapshotPeakRatioAndStatusLines)
     EXPECT_EQ(60 * kMiB + 4 * kMiB, peer().allSizePeak());
 }
 
-TEST_F(MonitorTest, FrameRatio_IsRoundedToNearestPercentOfThePool)
-{
-    AddPool(100 * kMiB);
-    Bind();
-    monitor().UpdateRecipOfPoolSize();
-    TalMemChunk* c = Direct(25 * kMiB + kMiB / 2, kCapture, "algoC");
-    c->poolId = 1;
-    Event(qv::TAL_MEM_MONITOR_POOL_ALLOC, c);
-    Stream(2);
-    Event(qv::TAL_MEM_MONITOR_FRAME);
-    EXPECT_EQ(26u, peer().peakSizeRatio());
-}
-
-TEST_F(MonitorTest, PoolBelowOneMiB_GivesZeroReciprocalAndZeroRatio)
+TEST_F(MonitorTest, Ratio_IsTheNearestPercentAndZeroBelowOneMiBOfPools)
 {
     AddPool(0xFFFFF);
     Bind();
@@ -214,7 +202,6 @@ TEST_F(MonitorTest, PoolBelowOneMiB_GivesZeroReciprocalAndZeroRatio)
     TalMemChunk* c = Direct(0x80000, kCapture, "algoC");
     c->poolId = 1;
     Event(qv::TAL_MEM_MONITOR_POOL_ALLOC, c);
-    EXPECT_EQ(0u, peer().peakSizeRatio());
     Stream(2);
     Event(qv::TAL_MEM_MONITOR_FRAME);
     EXPECT_EQ(0u, peer().peakSizeRatio());
@@ -225,6 +212,16 @@ TEST_F(MonitorTest, PoolBelowOneMiB_GivesZeroReciprocalAndZeroRatio)
     EXPECT_EQ(819200u, peer().recipOfPoolSize());
     Event(qv::TAL_MEM_MONITOR_FRAME);
     EXPECT_EQ(50u, peer().peakSizeRatio());
+
+    // 25.5 MiB of 100 MiB rounds up to 26.
+    AddPool(100 * kMiB - kMiB);
+    monitor().UpdateRecipOfPoolSize();
+    EXPECT_EQ(8192u, peer().recipOfPoolSize());
+    TalMemChunk* d = Direct(25 * kMiB, kCapture, "algoD");
+    d->poolId = 1;
+    Event(qv::TAL_MEM_MONITOR_POOL_ALLOC, d);
+    Event(qv::TAL_MEM_MONITOR_FRAME);
+    EXPECT_EQ(26u, peer().peakSizeRatio());
 }
 
 TEST_F(MonitorTest, DirectAllocation_OutsideAStream_ChangesOnlyPoolStatus)
