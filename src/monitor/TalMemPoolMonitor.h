@@ -134,6 +134,7 @@ struct AlgoMemInfo {
 
 class TalMemPoolMonitor {
 public:
+    // Chunks keyed by their CPU address.
     using ChunkMap = std::unordered_map<void*, TalMemChunk*>;
 
     static constexpr int kAllocTypeNum = 3;
@@ -170,7 +171,9 @@ public:
     void GetAllCaptureSize(unsigned int& size);
     void GetAllPreviewSize(unsigned int& size);
 
-    // Per-algorithm accounting.
+    // Per-algorithm accounting, one record list per allocate type. The
+    // allocateType of these calls indexes the lists and must be 0..2: any
+    // other index aborts the process (UpdateMemoryStatus validates first).
     void UpdateAlgoMemInfo(TAL_MEM_MONITOR_TYPE type, int allocateType, std::string algoName,
                            unsigned int size, int forceFromSys);
     void InitAlgoInfo(AlgoMemInfo& info, const std::string& algoName, unsigned int size,
