@@ -142,9 +142,9 @@ uintptr_t TalMemPoolImpl::Alloc(uint32_t size, const std::string& name, const vo
                  static_cast<int>(kHintVersionUsage),
                  static_cast<unsigned long long>(req.requestUsage));
     }
-    // Round up in 64 bits: a size just below 4 GiB must not wrap to 0.
-    uint64_t rounded = (static_cast<uint64_t>(size) + kPageSize - 1) & ~uint64_t{kPageSize - 1};
-    size = static_cast<uint32_t>(rounded);
+    // 32-bit rounding: with an unreadable total (maxMemSize 0xFFFFFC00) the
+    // last page of sizes wraps to 0 and the direct allocation then fails.
+    size = (size + kPageSize - 1) & ~(kPageSize - 1);
 
     if (allocateType != TAL_MEM_ALLOC_PREVIEW) {
         if (req.poolAllowed) {

@@ -95,6 +95,10 @@ TEST_F(TalMemPoolImplTest, AllocBySize_ZeroAndAboveMaxMemSize_AreRefused)
     uintptr_t addr = AllocSize(0x10000);
     EXPECT_NE(addr, 0u) << "because a request of exactly maxMemSize is accepted";
     impl.Free(addr);
+
+    impl.maxMemSize = 0xFFFFFC00; // what an unreadable total memory gives
+    EXPECT_EQ(AllocSize(0xFFFFF001), 0u) << "because the rounded size wraps to 0 and fails";
+    EXPECT_TRUE(impl.sysMcMap.empty());
 }
 
 TEST_F(TalMemPoolImplTest, AllocByGeometry_WrappingOrOversizedPixelCount_IsRefused)
