@@ -64,6 +64,7 @@ int32_t TalMemPoolImpl::ClearAll()
         return -1;
     }
     // No pool exists yet, so the set is already empty.
+    monitor.GetMemDumpInfo(2);
     needClearPools = false;
     TAL_LOGI("QvCamMem  %s free all pool success\n", __func__);
     return 0;

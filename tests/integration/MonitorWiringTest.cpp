@@ -135,6 +135,18 @@ TEST_F(MonitorWiringTest, DumpRequests_ReachTheMonitorForEveryType)
     TalMemPool::Free(addr, "modO", nullptr);
 }
 
+TEST_F(MonitorWiringTest, ClearAll_AsksForThePoolChunkDump)
+{
+    // During a post-processing crossing the pool chunk dump says why it is silent.
+    TalMemPool::UpdatePPState(0, 2);
+    TalMemPool::UpdatePPState(1, 2);
+    TalMemPool::CameraClose();
+    LogCapture::Clear();
+    EXPECT_EQ(0, TalMemPool::ClearAll(0, 0));
+    EXPECT_EQ(1, Debug("in crossing state don't need to print pool chunk info\n"))
+        << LogCapture::Dump();
+}
+
 TEST_F(MonitorWiringTest, BadAllocateType_IsValidatedBeforeAnyPerTypeCounter)
 {
     void* addr = TalMemPool::Malloc(4096, "modX", nullptr, "algoX", 7);
