@@ -129,8 +129,9 @@ public:
                                const char* value);
 
 private:
+    // Loads the learnt filter file: 0 loaded, -1 present but not loadable,
+    // 1 absent or unreadable.
     int LoadFilterFile(TalAlgoPeakMap& algoPeakMap);
-    int LoadDeviceFile(TalAlgoPeakMap& algoPeakMap, TotalMemoryProbe totalMemoryKb);
     struct LimitSpec;
     // Reads one optional limit element when `element` is the one named by
     // `spec` and moves `element` past it; -1 only for an over-long text.
