@@ -187,6 +187,12 @@ public:
     void ReleaseUpdateAlgoInfo(int allocateType, const std::string& algoName);
     void CheckUpdateAlgoInfo(int allocateType);
     void DumpAlgoMemInfo(TAL_MEM_COUNT_TYPE type);
+    // The per-algorithm records of one allocate type (0..2), read by the pool
+    // manager's peak learning at end of stream.
+    const std::list<AlgoMemInfo>& GetAlgoInfoList(int allocateType) const
+    {
+        return algoInfoList[allocateType];
+    }
     // Empties every algorithm list and zeroes the snapshot counters; the pool
     // status counters and the chunk maps stay.
     void ClearAlgoInfo();

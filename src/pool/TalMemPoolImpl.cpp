@@ -5,8 +5,13 @@
 #include "chunk/TalMemChunk.h"
 #include "common/TalLog.h"
 #include "monitor/MemUtils.h"
+#include "pool/TalMemPoolUtil.h"
 
 namespace qv {
+
+using poolutil::AddrOf;
+using poolutil::IovaOf;
+using poolutil::Key;
 
 namespace {
 
@@ -17,23 +22,6 @@ constexpr uint32_t kHintVersionCallerData = 0;
 constexpr uint32_t kHintVersionForceSys = 1;
 constexpr uint32_t kHintVersionUsage = 2;
 constexpr uint32_t kRequestUsageMask = 0xFFF;
-
-inline void* Key(uintptr_t address)
-{
-    return reinterpret_cast<void*>(address);
-}
-
-inline uintptr_t AddrOf(TalMemChunk* chunk)
-{
-    return reinterpret_cast<uintptr_t>(chunk->GetAddr());
-}
-
-// Device address of a chunk for the log lines; 0 when it has no descriptor.
-uint64_t IovaOf(TalMemChunk* chunk)
-{
-    const qva_ibuf* ibuf = chunk->GetIBuf();
-    return (ibuf != nullptr && ibuf->getIOVA != nullptr) ? ibuf->getIOVA(ibuf) : 0;
-}
 
 // What the caller's optional hint asks for.
 struct HintRequest {
@@ -144,7 +132,7 @@ uintptr_t TalMemPoolImpl::Alloc(uint32_t size, const std::string& name, const vo
     }
     // 32-bit rounding: with an unreadable total (maxMemSize 0xFFFFFC00) the
     // last page of sizes wraps to 0 and the direct allocation then fails.
-    size = (size + kPageSize - 1) & ~(kPageSize - 1);
+    size = poolutil::RoundToPage(size);
 
     if (allocateType != TAL_MEM_ALLOC_PREVIEW) {
         if (req.poolAllowed) {

@@ -183,7 +183,6 @@ public:
     static constexpr uint32_t kDefaultUpperLimit = 0x1C200000;    // 450 MiB
     static constexpr uint32_t kDefaultPrevRatioLimit = 75;        // percent
     static constexpr uint32_t kMinMaxMemSize = 0x40000000;        // 1 GiB
-    static constexpr uint32_t kPageSize = 4096;
     static constexpr uint32_t kPrevReuseMinSize = 0x100000;       // 1 MiB
 
     // Process-wide limits, written by PoolInit from the configuration.
@@ -204,6 +203,8 @@ private:
     enum class ReuseLookup { kAbsent, kNullChunk, kInUse };
     static ReuseLookup LookupReuseMap(TalChunkMap& map, uintptr_t address, TalMemChunk*& chunk);
     static void DestroyMap(TalChunkMap& map);
+    // Folds one algorithm's stream peak into the learnt table.
+    void LearnPeak(const std::string& name, uint32_t peak);
 };
 
 } // namespace qv

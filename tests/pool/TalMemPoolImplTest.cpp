@@ -1,60 +1,26 @@
 // The pool manager's direct-allocation core: request checks and routing,
 // the three direct allocators, release through the four maps, descriptor
-// lookup. Pools are not built yet, so pool chunks are planted by hand where a
-// test needs the address-range rules.
+// lookup and destruction.
 
-#include "TalTestSupport.h"
+#include "PoolTestUtil.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <unistd.h>
 
-#include "chunk/TalMemChunk.h"
-#include "common/TalLog.h"
-#include "pool/TalMemPoolImpl.h"
-
+using pool_test::Hex;
+using pool_test::kMiB;
 using qv::AllocHint;
 using qv::MallocInfo;
 using qv::SysAllocInfo;
 using qv::TalMemChunk;
 using qv::TalMemPoolImpl;
 using talmem_test::LogCapture;
-using talmem_test::TalTest;
 
 namespace {
 
 constexpr uint32_t kFormatYuv420 = 35;
 constexpr uint32_t kFormatUnknown = 0x7777;
 
-std::string Hex(unsigned long long value)
-{
-    char buf[32];
-    snprintf(buf, sizeof(buf), "%llx", value);
-    return buf;
-}
-
-class TalMemPoolImplTest : public TalTest {
-protected:
-    void SetUp() override
-    {
-        TalTest::SetUp();
-        ASSERT_EQ(impl.PoolInit(), 0);
-        LogCapture::Clear();
-    }
-
-    TalMemChunk* Chunk(qv::TalChunkMap& map, uintptr_t addr)
-    {
-        auto it = map.find(reinterpret_cast<void*>(addr));
-        return it == map.end() ? nullptr : it->second;
-    }
-
-    uintptr_t AllocSize(uint32_t size, const void* hint = nullptr, int32_t type = 0)
-    {
-        return impl.Alloc(size, "mod", hint, "algo", type);
-    }
-
-    TalMemPoolImpl impl;
-};
+using TalMemPoolImplTest = pool_test::PoolTest;
 
 TEST_F(TalMemPoolImplTest, AllocBySize_OneByte_IsRoundedToOnePageAndKeptAsDirectChunk)
 {
@@ -122,13 +88,9 @@ TEST_F(TalMemPoolImplTest, AllocByGeometry_WrappingOrOversizedPixelCount_IsRefus
     EXPECT_EQ(chunk->GetAllocateType(), 2);
     EXPECT_EQ(chunk->GetForceFromSys(), 0);
     impl.Free(addr);
-}
-
-TEST_F(TalMemPoolImplTest, AllocByGeometry_ServiceFailure_ReturnsZeroAndKeepsNoChunk)
-{
-    EXPECT_EQ(impl.Alloc(64, 64, kFormatUnknown, 0, "mod", nullptr, "algo", 0), 0u);
+    EXPECT_EQ(impl.Alloc(64, 64, kFormatUnknown, 0, "mod", nullptr, "algo", 0), 0u)
+        << "because the service refuses an unknown format";
     EXPECT_TRUE(impl.sysMcMap.empty());
-    EXPECT_TRUE(impl.preAllocPoolMcMap.empty());
 }
 
 TEST_F(TalMemPoolImplTest, AllocHint_Versions_SetForceFromSysAndRequestUsage)
@@ -149,7 +111,7 @@ TEST_F(TalMemPoolImplTest, AllocHint_Versions_SetForceFromSysAndRequestUsage)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.hint.version);
         SCOPED_TRACE(c.hint.requestUsage);
-        uintptr_t addr = AllocSize(8192, &c.hint);
+        uintptr_t addr = impl.Alloc(8192, "mod", &c.hint, "algo", 0);
         ASSERT_NE(addr, 0u);
         TalMemChunk* chunk = Chunk(impl.sysMcMap, addr);
         ASSERT_NE(chunk, nullptr);
@@ -164,9 +126,9 @@ TEST_F(TalMemPoolImplTest, AllocHint_Versions_SetForceFromSysAndRequestUsage)
 TEST_F(TalMemPoolImplTest, AllocBySize_CopiesStreamStateAndAllocateType)
 {
     impl.OnSos();
-    uintptr_t a = AllocSize(4096, nullptr, 2);
+    uintptr_t a = AllocSize(4096, 2);
     impl.OnFrame();
-    uintptr_t b = AllocSize(0xFF000, nullptr, 1);
+    uintptr_t b = AllocSize(0xFF000, 1);
     ASSERT_NE(a, 0u);
     ASSERT_NE(b, 0u);
     EXPECT_EQ(Chunk(impl.sysMcMap, a)->streamState, 1u);
@@ -227,13 +189,8 @@ TEST_F(TalMemPoolImplTest, Free_NullUnknownAndDoubleFree_AreHandledQuietly)
 
 TEST_F(TalMemPoolImplTest, Free_PoolBaseAddress_IsNotPoolMemory)
 {
-    TalMemChunk* pool = impl.NewMemChunk(0x100000, 1, 0, "PP:BASE_POOL", 1);
-    ASSERT_NE(pool, nullptr);
-    pool->poolId = 1;
-    impl.poolChunkList.push_back(pool);
-    uintptr_t base = reinterpret_cast<uintptr_t>(pool->GetAddr());
-    ASSERT_EQ(impl.talMem.Init(base, 0x100000), 0);
-
+    ASSERT_EQ(impl.PoolCreateImpl(kMiB, 1, "PP:BASE_POOL"), 0);
+    uintptr_t base = pool_test::AddrOf(Pool(1));
     impl.Free(base);
     EXPECT_EQ(LogCapture::CountContaining("GetMcInfo fail"), 0)
         << "because the base address goes to the direct path, where it is in no map";
@@ -242,7 +199,7 @@ TEST_F(TalMemPoolImplTest, Free_PoolBaseAddress_IsNotPoolMemory)
                                               Hex((base + 0x1000) & 0xFFFFFF) +
                                               " GetMcInfo fail\n"))
         << "because an address inside the pool is looked up in the pool";
-    impl.Free(base + 0x100000);
+    impl.Free(base + kMiB);
     EXPECT_EQ(LogCapture::CountContaining("GetMcInfo fail"), 1)
         << "because the pool's end is outside it";
     EXPECT_EQ(impl.poolChunkList.size(), 1u);
@@ -259,31 +216,6 @@ TEST_F(TalMemPoolImplTest, SysFree_FirstMatchingMapWins)
     EXPECT_TRUE(impl.sysMcMap.empty());
     ASSERT_EQ(impl.sysPrevMcMap.size(), 1u);
     EXPECT_EQ(other->inUse, 1u) << "because the preview-reuse entry is not reached";
-}
-
-TEST_F(TalMemPoolImplTest, SysFree_PreviewReuseChunk_StaysForReuseAndSecondFreeChangesNothing)
-{
-    SysAllocInfo info{1, 0, 0};
-    uintptr_t addr = impl.SysAlloc(0x200000, "mod", "algo", info, 0, 1);
-    ASSERT_NE(addr, 0u);
-    EXPECT_EQ(impl.prevAll, 0x200000u);
-    EXPECT_EQ(impl.prevAllNeed, 0x200000u);
-    EXPECT_EQ(impl.prevAllNeedPeak, 0x200000u);
-    EXPECT_NE(impl.GetIBuf(addr), nullptr) << "because a reuse chunk in use has a descriptor";
-
-    impl.Free(addr);
-    TalMemChunk* chunk = Chunk(impl.sysPrevMcMap, addr);
-    ASSERT_NE(chunk, nullptr);
-    EXPECT_EQ(chunk->inUse, 0u);
-    EXPECT_EQ(chunk->GetUsedSize(), 0u);
-    EXPECT_EQ(impl.prevAllNeed, 0u);
-    EXPECT_EQ(impl.prevAll, 0x200000u);
-
-    impl.Free(addr);
-    EXPECT_EQ(impl.prevAllNeed, 0u) << "because a free reuse chunk is not released twice";
-    EXPECT_EQ(impl.GetIBuf(addr), nullptr);
-    EXPECT_TRUE(Logged(ANDROID_LOG_WARN, "QvCamMem GetReuseIBuf, ERROR! getIBuf fail addr 0x" +
-                                             Hex(addr & 0xFFFFFF) + " \n"));
 }
 
 TEST_F(TalMemPoolImplTest, MallocInfo_PreallocatedChunkIsReusedAndReleasePendingDestroysIt)
@@ -315,18 +247,12 @@ TEST_F(TalMemPoolImplTest, MallocInfo_PreallocatedChunkIsReusedAndReleasePending
     impl.Free(preAddr);
     impl.Free(fresh);
     EXPECT_TRUE(impl.preAllocPoolMcMap.empty());
-}
 
-TEST_F(TalMemPoolImplTest, ReleasePool_FreePreallocatedChunk_IsDestroyedAtOnce)
-{
-    MallocInfo info{320, 240, kFormatYuv420, 0};
     impl.PreAllocPool(info, "algo");
-    impl.PreAllocPool(info, "algo");
-    ASSERT_EQ(impl.preAllocPoolMcMap.size(), 2u);
-    impl.ReleasePool(MallocInfo{320, 241, kFormatYuv420, 0});
-    EXPECT_EQ(impl.preAllocPoolMcMap.size(), 2u);
+    impl.ReleasePool(MallocInfo{640, 481, kFormatYuv420, 0x3});
+    EXPECT_EQ(impl.preAllocPoolMcMap.size(), 1u) << "because another geometry is not released";
     impl.ReleasePool(info);
-    EXPECT_TRUE(impl.preAllocPoolMcMap.empty());
+    EXPECT_TRUE(impl.preAllocPoolMcMap.empty()) << "because a free preallocated chunk goes at once";
 }
 
 TEST_F(TalMemPoolImplTest, GetIBuf_NullAndBrokenEntries_LogTheirWarnings)
@@ -364,48 +290,11 @@ TEST_F(TalMemPoolImplTest, Destruction_ReleasesEveryChunkOfEveryMap)
         ASSERT_NE(local.Alloc(4096, "m", nullptr, "a", 0), 0u);
         ASSERT_NE(local.SysAlloc(8192, "m", "a", info, 0, 1), 0u);
         local.PreAllocPool(MallocInfo{64, 64, kFormatYuv420, 0}, "a");
-        TalMemChunk* pool = local.NewMemChunk(0x10000, 1, 0, "PP:BASE_POOL", 1);
-        ASSERT_NE(pool, nullptr);
-        local.poolChunkList.push_back(pool);
+        ASSERT_EQ(local.PoolCreateImpl(kMiB, 1, "PP:BASE_POOL"), 0);
+        ASSERT_NE(local.PoolAlloc(8192, "m", "a", 0), 0u);
         EXPECT_GT(QvCamera::CameraBufferInterface::GetHeldBytes(), before);
     }
     EXPECT_EQ(QvCamera::CameraBufferInterface::GetHeldBytes(), before);
-}
-
-} // namespace
-
-namespace {
-
-// A range carved from a planted pool the way pool allocation records it.
-TEST_F(TalMemPoolImplTest, FreeAndGetIBuf_InsideAPool_UseTheAllocatorsRecord)
-{
-    constexpr uint32_t kPoolSize = 0x100000;
-    TalMemChunk* pool = impl.NewMemChunk(kPoolSize, 1, 0, "PP:BASE_POOL", 1);
-    ASSERT_NE(pool, nullptr);
-    pool->poolId = 1;
-    impl.poolChunkList.push_back(pool);
-    uintptr_t base = reinterpret_cast<uintptr_t>(pool->GetAddr());
-    ASSERT_EQ(impl.talMem.Init(base, kPoolSize), 0);
-    uintptr_t addr = impl.talMem.Alloc(base, 0x2000);
-    ASSERT_NE(addr, 0u);
-    TalMemChunk* record = impl.NewMemChunk(0x2000, 0, 0, "Unknown", 1);
-    ASSERT_NE(record, nullptr);
-    record->CfgMemChunk(pool->GetIBuf(), static_cast<uint32_t>(addr - base), 0x2000, "algo");
-    record->poolId = 1;
-    ASSERT_EQ(impl.talMem.SetMcInfo(addr, record, "algo", "mod"), 0);
-    impl.poolMcMap[reinterpret_cast<void*>(addr)] = record;
-    impl.monitor.UpdateMemoryStatus(qv::TAL_MEM_MONITOR_POOL_ALLOC, record);
-
-    const qva_ibuf* ibuf = impl.GetIBuf(addr);
-    ASSERT_EQ(ibuf, record->GetIBuf());
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(ibuf->getAddr(ibuf)), addr);
-    EXPECT_EQ(ibuf->getPoolSize(ibuf), kPoolSize);
-    EXPECT_EQ(impl.talMem.GetUsedNum(base), 1);
-
-    impl.Free(addr);
-    EXPECT_EQ(impl.talMem.GetUsedNum(base), 0) << "because the range went back to the pool";
-    EXPECT_TRUE(impl.poolMcMap.empty());
-    EXPECT_EQ(impl.poolChunkList.size(), 1u) << "because freeing a range keeps the pool";
 }
 
 } // namespace
