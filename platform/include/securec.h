@@ -10,8 +10,9 @@
 extern "C" {
 typedef int errno_t;
 
-// Fills `count` bytes of dest with c; fails (and writes nothing) when dest is
-// null or count exceeds destMax.
+// Fills `count` bytes of dest with c. Fails with EINVAL (nothing written) for
+// a null dest or a zero destMax; when count exceeds destMax it fills destMax
+// bytes and fails with ERANGE.
 errno_t memset_s(void* dest, size_t destMax, int c, size_t count);
 
 // Formats at most `count` characters (and a terminator) into dest of

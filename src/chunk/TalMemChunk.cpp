@@ -19,6 +19,7 @@ constexpr uint64_t kUsageHighSel1 = 20;
 constexpr uint64_t kUsageHighSel2 = 24;
 constexpr uint32_t kCachePage = 4096;
 constexpr int32_t kHeapBlock = 1;               // memAllocType of a malloc'ed chunk
+constexpr size_t kCacheMsgSize = 160;           // longest rejection message fits
 
 const char* const kUnknownName = "unknown";
 
@@ -185,52 +186,60 @@ TalMemChunk::CacheSpan TalMemChunk::CacheSpanOf(uintptr_t vaddr, uint32_t size) 
     return span;
 }
 
+// The two cache operations differ only in the buffer calls they make and in
+// their rejection messages (the invalidate one lacks a blank before its size).
+struct TalMemChunk::CacheOp {
+    const char* method;
+    int32_t (QvCamera::ICameraBuffer::*whole)();
+    int32_t (QvCamera::ICameraBuffer::*range)(uint32_t length, uint32_t offset);
+    const char* invalidSizeFmt;
+    const char* outOfRangeFmt;
+};
+
 int32_t TalMemChunk::FlushCacheLocal(uintptr_t vaddr, uint32_t size)
 {
-    if (info.buffer == nullptr) {
-        return -1;
-    }
-    if (size > info.size) {
-        TAL_LOGE("%s: invalid size %d memSize %zu \n", __func__, static_cast<int>(size),
-                 static_cast<size_t>(info.size));
-        return -1;
-    }
-    CacheSpan span = CacheSpanOf(vaddr, size);
-    if (!span.fits) {
-        TAL_LOGE("%s: out of range cacheOffset %d cacheSize %d memSize %zu \n", __func__,
-                 static_cast<int>(span.start), static_cast<int>(span.len),
-                 static_cast<size_t>(info.size));
-        return -1;
-    }
-    if (span.whole) {
-        info.buffer->FlushCache();
-    } else {
-        info.buffer->FlushCacheRange(span.len, span.start);
-    }
-    return 0;
+    static const CacheOp kFlush = {
+        "FlushCacheLocal", &QvCamera::ICameraBuffer::FlushCache,
+        &QvCamera::ICameraBuffer::FlushCacheRange, "%s: invalid size %d memSize %zu \n",
+        "%s: out of range cacheOffset %d cacheSize %d memSize %zu \n"};
+    return CacheLocal(vaddr, size, kFlush);
 }
 
 int32_t TalMemChunk::InvalidateCacheLocal(uintptr_t vaddr, uint32_t size)
 {
+    static const CacheOp kInvalidate = {
+        "InvalidateCacheLocal", &QvCamera::ICameraBuffer::InvalidateCache,
+        &QvCamera::ICameraBuffer::InvalidateCacheRange, "%s: invalid size %d memSize %zu \n",
+        "%s: out of range cacheOffset %d cacheSize%d memSize %zu \n"};
+    return CacheLocal(vaddr, size, kInvalidate);
+}
+
+int32_t TalMemChunk::CacheLocal(uintptr_t vaddr, uint32_t size, const CacheOp& op)
+{
     if (info.buffer == nullptr) {
         return -1;
     }
+    // The messages differ per operation, so they are formatted here first.
+    char text[kCacheMsgSize] = {0};
     if (size > info.size) {
-        TAL_LOGE("%s: invalid size %d memSize %zu \n", __func__, static_cast<int>(size),
-                 static_cast<size_t>(info.size));
+        snprintf_s(text, sizeof(text), sizeof(text) - 1, op.invalidSizeFmt, op.method,
+                   static_cast<int>(size), static_cast<size_t>(info.size));
+        TAL_LOGE("%s", text);
         return -1;
     }
     CacheSpan span = CacheSpanOf(vaddr, size);
     if (!span.fits) {
-        TAL_LOGE("%s: out of range cacheOffset %d cacheSize%d memSize %zu \n", __func__,
-                 static_cast<int>(span.start), static_cast<int>(span.len),
-                 static_cast<size_t>(info.size));
+        snprintf_s(text, sizeof(text), sizeof(text) - 1, op.outOfRangeFmt, op.method,
+                   static_cast<int>(span.start), static_cast<int>(span.len),
+                   static_cast<size_t>(info.size));
+        TAL_LOGE("%s", text);
         return -1;
     }
+    QvCamera::ICameraBuffer& buffer = *info.buffer;
     if (span.whole) {
-        info.buffer->InvalidateCache();
+        (buffer.*op.whole)();
     } else {
-        info.buffer->InvalidateCacheRange(span.len, span.start);
+        (buffer.*op.range)(span.len, span.start);
     }
     return 0;
 }

@@ -108,6 +108,10 @@ private:
     };
     CacheSpan CacheSpanOf(uintptr_t vaddr, uint32_t size) const;
 
+    struct CacheOp; // buffer calls and messages of one cache operation
+    // The body of FlushCacheLocal and InvalidateCacheLocal.
+    int32_t CacheLocal(uintptr_t vaddr, uint32_t size, const CacheOp& op);
+
     std::shared_ptr<QvCamera::ICameraBuffer> spareBuffer; // always empty here
     int32_t needAlloc;
     int32_t memAllocType; // 1 heap block, else camera buffer

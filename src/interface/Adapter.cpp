@@ -51,29 +51,29 @@ void* s_getGraphicBuf(const qva_ibuf* ibuf)
     return Gbf(ibuf);
 }
 
+// The checked accessors share one shape: a missing descriptor or buffer is
+// one ERROR line naming the accessor, and 0.
+#define TAL_CHECK_GBF(ibuf, noIbufFmt, noGbfFmt) \
+    do {                                         \
+        if ((ibuf) == nullptr) {                 \
+            TAL_LOGE(noIbufFmt, __func__);       \
+            return 0;                            \
+        }                                        \
+        if ((ibuf)->graphicBuf == nullptr) {     \
+            TAL_LOGE(noGbfFmt, __func__);        \
+            return 0;                            \
+        }                                        \
+    } while (0)
+
 uint32_t s_getOffset(const qva_ibuf* ibuf)
 {
-    if (ibuf == nullptr) {
-        TAL_LOGE("%s: invalid input\n", __func__);
-        return 0;
-    }
-    if (ibuf->graphicBuf == nullptr) {
-        TAL_LOGE("%s: cameraBuffer is null\n", __func__);
-        return 0;
-    }
+    TAL_CHECK_GBF(ibuf, "%s: invalid input\n", "%s: cameraBuffer is null\n");
     return ibuf->graphicBuf->GetOffset();
 }
 
 uint32_t s_getPoolSize(const qva_ibuf* ibuf)
 {
-    if (ibuf == nullptr) {
-        TAL_LOGE("%s: invalid input\n", __func__);
-        return 0;
-    }
-    if (ibuf->graphicBuf == nullptr) {
-        TAL_LOGE("%s: cameraBuffer is null\n", __func__);
-        return 0;
-    }
+    TAL_CHECK_GBF(ibuf, "%s: invalid input\n", "%s: cameraBuffer is null\n");
     // A whole buffer reports no pool size: it is its own pool.
     uint64_t poolSize = ibuf->graphicBuf->GetPoolSize();
     return poolSize != 0 ? static_cast<uint32_t>(poolSize) : ibuf->graphicBuf->GetSize();
@@ -86,14 +86,7 @@ int32_t s_getBufId(const qva_ibuf* /*ibuf*/)
 
 uint64_t GetDevIOVA(const qva_ibuf* ibuf, BufDevType type)
 {
-    if (ibuf == nullptr) {
-        TAL_LOGE("enter %s(), ibuf is nullptr\n", __func__);
-        return 0;
-    }
-    if (ibuf->graphicBuf == nullptr) {
-        TAL_LOGE("enter %s(), gbf is nullptr\n", __func__);
-        return 0;
-    }
+    TAL_CHECK_GBF(ibuf, "enter %s(), ibuf is nullptr\n", "enter %s(), gbf is nullptr\n");
     int devType = qv::GetCameraBufDevType(type);
     if (static_cast<uint32_t>(devType) == BUF_DEV_TYPE_INVALID) {
         TAL_LOGE("enter %s(), devType is invalid\n", __func__);

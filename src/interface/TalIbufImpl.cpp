@@ -27,6 +27,23 @@ QvCamera::ICameraBuffer* BaseBufferOf(const qva_ibuf* ibuf)
     return info->base->buffer.get();
 }
 
+using WholeCacheCall = int32_t (QvCamera::ICameraBuffer::*)();
+using RangeCacheCall = int32_t (QvCamera::ICameraBuffer::*)(uint32_t length, uint32_t offset);
+
+// A record at offset 0 covers its buffer from the start, so the whole-buffer
+// call serves it; any other record syncs its own size at its offset. The
+// library's result is not examined: the accessors report 1.
+int32_t SyncRecord(QvCamera::ICameraBuffer& buf, const MemChunkInfo& info, WholeCacheCall whole,
+                   RangeCacheCall range)
+{
+    if (info.offset == 0) {
+        (buf.*whole)();
+    } else {
+        (buf.*range)(info.size, info.offset);
+    }
+    return 1;
+}
+
 } // namespace
 
 // Logs with the accessor's own name and line, then returns `failValue`.
@@ -83,26 +100,16 @@ int32_t TalInvalidateCache(const qva_ibuf* ibuf)
 {
     QvCamera::ICameraBuffer* buf = BufferOf(ibuf);
     TAL_CHECK_VALID(buf != nullptr, 0);
-    const MemChunkInfo* info = RecordOf(ibuf);
-    if (info->offset == 0) {
-        buf->InvalidateCache();
-    } else {
-        buf->InvalidateCacheRange(info->size, info->offset);
-    }
-    return 1;
+    return SyncRecord(*buf, *RecordOf(ibuf), &QvCamera::ICameraBuffer::InvalidateCache,
+                      &QvCamera::ICameraBuffer::InvalidateCacheRange);
 }
 
 int32_t TalFlushCache(const qva_ibuf* ibuf)
 {
     QvCamera::ICameraBuffer* buf = BufferOf(ibuf);
     TAL_CHECK_VALID(buf != nullptr, 0);
-    const MemChunkInfo* info = RecordOf(ibuf);
-    if (info->offset == 0) {
-        buf->FlushCache();
-    } else {
-        buf->FlushCacheRange(info->size, info->offset);
-    }
-    return 1;
+    return SyncRecord(*buf, *RecordOf(ibuf), &QvCamera::ICameraBuffer::FlushCache,
+                      &QvCamera::ICameraBuffer::FlushCacheRange);
 }
 
 void* TalGetGraphicBuf(const qva_ibuf* ibuf)

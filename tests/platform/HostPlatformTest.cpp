@@ -1,53 +1,42 @@
 #include "TalTestSupport.h"
 
+#include "CameraBufferInterface.h"
+#include "memtrack.h"
 #include "securec.h"
 #include "talmem_platform.h"
 #include "talmem_properties.h"
 
+#include <unistd.h>
+
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 namespace {
 
-class HostPlatformTest : public talmem_test::TalTest {};
+using HostPlatformTest = talmem_test::TalTest;
 
-TEST_F(HostPlatformTest, PropertyGet_FileRulesDefaultsAndTruncation)
+TEST_F(HostPlatformTest, PropertyGet_LastFileLineWinsOverridesFirstTruncatedToTheMaximum)
 {
     char value[PROPERTY_VALUE_MAX];
     std::string file = root_ + "/props";
-    talmem_test::WriteFile(file, "a.b=1\nno equals sign\n  a.b  =  2  \n\nlong=" +
-                                     std::string(200, 'x') + "\nempty=\n");
+    talmem_test::WriteFile(file, "a.b=1\nno equals sign\n  a.b  =  2  \nlong=" + std::string(200, 'x') + "\nempty=\n");
     setenv("TALMEM_PROPERTIES", file.c_str(), 1);
-
-    EXPECT_EQ(property_get("a.b", value, "d"), 1);
-    EXPECT_STREQ(value, "2") << "because the last line that sets a key wins, trimmed";
-    EXPECT_EQ(property_get("long", value, ""), PROPERTY_VALUE_MAX - 1);
-    EXPECT_EQ(std::string(value), std::string(PROPERTY_VALUE_MAX - 1, 'x'));
-    EXPECT_EQ(property_get("empty", value, "d"), 0) << "because a set empty value is a value";
-    EXPECT_STREQ(value, "");
-    EXPECT_EQ(property_get("missing", value, nullptr), 0);
-    EXPECT_STREQ(value, "");
-    EXPECT_EQ(property_get(nullptr, value, "dd"), 2);
-    EXPECT_STREQ(value, "dd");
+    auto get = [&value](const char* key, const char* def) { return std::to_string(property_get(key, value, def)) + value; };
+    EXPECT_EQ(get("a.b", "d"), "12") << "because the last line that sets a key wins, trimmed";
+    EXPECT_EQ(get("long", ""), std::to_string(PROPERTY_VALUE_MAX - 1) + std::string(PROPERTY_VALUE_MAX - 1, 'x'));
+    EXPECT_EQ(get("empty", "d") + "|" + get("missing", nullptr) + "|" + get(nullptr, "dd"), "0|0|2dd");
     EXPECT_EQ(property_get("a.b", nullptr, "d"), 0);
-
     TalHostSetProperty("a.b", "7");
-    property_get("a.b", value, "d");
-    EXPECT_STREQ(value, "7");
+    EXPECT_EQ(get("a.b", "d"), "17");
     TalHostSetProperty("a.b", nullptr);
-    property_get("a.b", value, "d");
-    EXPECT_STREQ(value, "2") << "because removing the override uncovers the file";
-
+    EXPECT_EQ(get("a.b", "d"), "12") << "because removing the override uncovers the file";
     setenv("TALMEM_PROPERTIES", (root_ + "/absent").c_str(), 1);
-    EXPECT_EQ(property_get("a.b", value, "def"), 3);
-    EXPECT_STREQ(value, "def");
+    EXPECT_EQ(get("a.b", "def"), "3def");
 }
 
-TEST_F(HostPlatformTest, DevicePath_TrailingSlashesOfRootAndEmptyRoot)
+TEST_F(HostPlatformTest, DevicePath_UnderTheRootWithoutDoubleSlashes)
 {
-    std::string saved = getenv("TALMEM_ROOT") ? getenv("TALMEM_ROOT") : "";
+    std::string saved = getenv("TALMEM_ROOT");
     setenv("TALMEM_ROOT", "/tmp/dev//", 1);
     EXPECT_EQ(qv::TalDevicePath("/data/vendor/camera/"), "/tmp/dev/data/vendor/camera/");
     setenv("TALMEM_ROOT", "", 1);
@@ -55,36 +44,40 @@ TEST_F(HostPlatformTest, DevicePath_TrailingSlashesOfRootAndEmptyRoot)
     setenv("TALMEM_ROOT", saved.c_str(), 1);
 }
 
-TEST_F(HostPlatformTest, SecureFunctions_PartialResultsOnFailure)
+TEST_F(HostPlatformTest, SecureFunctions_ResultsAndPartialOutputOnFailure)
 {
-    char buf[8];
-    memset(buf, 'z', sizeof(buf));
+    char buf[9] = "zzzzzzzz";
     EXPECT_EQ(memset_s(buf, 4, 'q', 6), ERANGE);
-    EXPECT_EQ(std::string(buf, 8), "qqqqzzzz") << "because only destMax bytes are filled";
-    EXPECT_EQ(memset_s(buf, 0, 0, 0), EINVAL);
-    EXPECT_EQ(memset_s(buf, sizeof(buf), 'k', 0), 0);
-    EXPECT_EQ(buf[0], 'q');
-
-    EXPECT_EQ(snprintf_s(buf, sizeof(buf), sizeof(buf) - 1, "%s", "abcdefghij"), -1);
-    EXPECT_STREQ(buf, "abcdefg") << "because a truncated result keeps what fits";
-    EXPECT_EQ(snprintf_s(buf, sizeof(buf), 7, "%d", 1234567), 7);
-    EXPECT_EQ(snprintf_s(nullptr, 8, 7, "x"), -1);
-
-    EXPECT_EQ(strncpy_s(buf, sizeof(buf), "abcdef", 3), 0);
+    EXPECT_STREQ(buf, "qqqqzzzz") << "because only destMax bytes are filled";
+    EXPECT_EQ(memset_s(buf, 0, 0, 0) + memset_s(nullptr, 4, 0, 1), 2 * EINVAL);
+    EXPECT_TRUE(snprintf_s(buf, 8, 7, "%s", "abcdefghij") == -1 && std::string(buf) == "abcdefg")
+        << "because a truncated result keeps what fits";
+    EXPECT_EQ(snprintf_s(buf, 8, 7, "%d", 1234567), 7);
+    EXPECT_EQ(strncpy_s(buf, 8, "abcdef", 3), 0);
     EXPECT_STREQ(buf, "abc") << "because count limits the copy";
-    EXPECT_EQ(strncpy_s(buf, sizeof(buf), "abcdefgh", 8), ERANGE) << "no room for the NUL";
-    EXPECT_STREQ(buf, "");
-    EXPECT_EQ(strncpy_s(buf, sizeof(buf), "abcdefg", 7), 0);
-    EXPECT_STREQ(buf, "abcdefg");
-    EXPECT_NE(strncpy_s(buf, sizeof(buf), nullptr, 3), 0);
-    EXPECT_STREQ(buf, "");
-
+    EXPECT_TRUE(strncpy_s(buf, 8, "abcdefgh", 8) == ERANGE && buf[0] == '\0') << "no room for the NUL";
     int a = 0;
     unsigned int b = 0;
     EXPECT_EQ(sscanf_s("w=12 h=34", "w=%d h=%u", &a, &b), 2);
-    EXPECT_EQ(a, 12);
-    EXPECT_EQ(b, 34u);
-    EXPECT_EQ(sscanf_s(nullptr, "%d", &a), -1);
+    EXPECT_TRUE(a == 12 && b == 34u && sscanf_s(nullptr, "%d", &a) == -1);
+}
+
+TEST_F(HostPlatformTest, Memtrack_OwnPidSnapshotOfHeldBytesOtherPidAndNullFail)
+{
+    memtrack_proc* p = memtrack_proc_new();
+    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(memtrack_proc_get(p, getpid()), 0);
+    const ssize_t before = memtrack_proc_graphics_pss(p);
+    EXPECT_EQ(static_cast<uint64_t>(before), QvCamera::CameraBufferInterface::GetHeldBytes());
+    auto buf = QvCamera::CameraBufferInterface::AllocCamBuffer(5 * 4096, 1, 257, 0, "mt");
+    EXPECT_EQ(memtrack_proc_graphics_pss(p), before) << "because the values are a snapshot";
+    ASSERT_EQ(memtrack_proc_get(p, getpid()), 0);
+    EXPECT_EQ(memtrack_proc_graphics_pss(p), before + 5 * 4096);
+    EXPECT_EQ(memtrack_proc_gl_pss(p) + memtrack_proc_other_pss(p), 0);
+    EXPECT_EQ(memtrack_proc_get(p, getpid() + 1), -ESRCH);
+    EXPECT_EQ(memtrack_proc_get(nullptr, getpid()), -EINVAL);
+    EXPECT_EQ(memtrack_proc_graphics_pss(nullptr), -EINVAL);
+    memtrack_proc_destroy(p);
 }
 
 } // namespace
