@@ -6,6 +6,7 @@
 
 #include "TalTestSupport.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -46,18 +47,13 @@ protected:
         return it == map.end() ? nullptr : it->second;
     }
 
-    // The pool with this id, or null.
+    // The pool with this id, or null; the pool ids front to back.
     TalMemChunk* Pool(int32_t id)
     {
-        for (TalMemChunk* pool : impl.poolChunkList) {
-            if (pool->poolId == id) {
-                return pool;
-            }
-        }
-        return nullptr;
+        auto it = std::find_if(impl.poolChunkList.begin(), impl.poolChunkList.end(),
+                               [id](TalMemChunk* pool) { return pool->poolId == id; });
+        return it == impl.poolChunkList.end() ? nullptr : *it;
     }
-
-    // Pool ids front to back.
     std::string PoolIds()
     {
         std::string ids;

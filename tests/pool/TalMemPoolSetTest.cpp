@@ -4,6 +4,7 @@
 
 #include "PoolTestUtil.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -22,15 +23,12 @@ protected:
     void WriteDeviceConfig(const std::string& base, const std::string& limit,
                            const std::string& multi)
     {
-        const std::string xml = "<TalMemPoolConfig>list algorithm peak size\n"
-                                "<AllocType>1</AllocType>\n<BasePoolSize>" +
-                                base + "</BasePoolSize>\n<AlgoSizeLimit>" + limit +
-                                "</AlgoSizeLimit>\n<PrevRatioLimit>60</PrevRatioLimit>\n"
-                                "<MultiPoolSize>" +
-                                multi +
-                                "</MultiPoolSize>\n"
-                                "<Algo name=\"algoA\" value=\"52428800\" resolution=\"1920x1080\"/>\n"
-                                "</TalMemPoolConfig>\n";
+        const std::string xml =
+            "<TalMemPoolConfig>list algorithm peak size\n<AllocType>1</AllocType>\n"
+            "<BasePoolSize>" + base + "</BasePoolSize>\n<AlgoSizeLimit>" + limit +
+            "</AlgoSizeLimit>\n<PrevRatioLimit>60</PrevRatioLimit>\n<MultiPoolSize>" + multi +
+            "</MultiPoolSize>\n<Algo name=\"algoA\" value=\"52428800\" resolution=\"1920x1080\"/>"
+            "\n</TalMemPoolConfig>\n";
         for (const char* name : {"talmempoolcfg.xml", "talmempoolcfg_ram4g.xml"}) {
             talmem_test::WriteFile(DevicePath("/odm/etc/camera/") + name, xml);
         }
@@ -40,23 +38,19 @@ protected:
 
 TEST_F(TalMemPoolSetTest, PoolInit_TakesTheConfiguredSizesWithinTheAlgorithmLimit)
 {
-    EXPECT_EQ(impl.basePoolSize, 0x0A000000u) << "because no configuration file exists here";
-    EXPECT_EQ(impl.multiPoolSize, 0x0DC00000u);
-    EXPECT_EQ(TalMemPoolImpl::upperLimit, 0x1C200000u);
+    EXPECT_EQ(impl.basePoolSize + impl.multiPoolSize, 0x0A000000u + 0x0DC00000u)
+        << "because no configuration file exists here";
     EXPECT_FALSE(impl.printPoolInfo);
-    struct Case {
-        const char* base;
-        const char* limit;
-        const char* multi;
+    const struct {
+        const char *base, *limit, *multi;
         uint32_t expBase, expMulti, expShortageLimit;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"157286400", "471859200", "230686720", 157286400, 230686720, 46080000},
         {"0", "471859200", "230686720", 0x0A000000, 230686720, 46080000}, // 0: default base
         {"209715200", "125829120", "157286400", 125829120, 125829120, 12288000}, // clamped
     };
     TalHostSetProperty("persist.vendor.poolInfo.dump", "1");
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.base);
         WriteDeviceConfig(c.base, c.limit, c.multi);
         TalMemPoolImpl local;
@@ -76,68 +70,58 @@ TEST_F(TalMemPoolSetTest, PoolInit_TakesTheConfiguredSizesWithinTheAlgorithmLimi
     EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "QvCamMem PoolInit printPoolInfo enabled\n"));
 }
 
-TEST_F(TalMemPoolSetTest, PoolUpdate_CreatesTheBasePoolOnceAndOnlyAbove20MiB)
+TEST_F(TalMemPoolSetTest, PoolUpdate_BasePoolAbove20MiBAndMultiPoolsForOneActiveSnapshot)
 {
     impl.basePoolSize = 4 * kMiB;
+    impl.multiPoolSize = 2 * kMiB;
     impl.CameraClose();
-    EXPECT_EQ(impl.PoolUpdate(0x1400000), 0);
-    EXPECT_TRUE(impl.poolChunkList.empty());
+    impl.PoolUpdate(0x1400000);
+    EXPECT_EQ(PoolIds(), "");
     EXPECT_FALSE(impl.needClearPools) << "because every pool update clears it";
     EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "QvCamMem PoolUpdate, do not update multiPools with multi "
                                          "snap_instance(snapCount 0)\n"));
     impl.PoolUpdate(0x1400001);
+    TalMemChunk* base = impl.poolChunkList.front();
+    impl.PoolUpdate(0x1400001);
     ASSERT_EQ(PoolIds(), "1 ");
-    TalMemChunk* base = Pool(1);
+    EXPECT_EQ(Pool(1), base);
     EXPECT_EQ(base->GetSize(), 4 * kMiB);
     EXPECT_EQ(base->GetModuleName(), "PP:BASE_POOL");
-    impl.PoolUpdate(0x1400001);
-    EXPECT_EQ(PoolIds(), "1 ");
-    EXPECT_EQ(Pool(1), base);
     EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "QvCamMem PoolCreate,  BASE_POOL has been created\n"));
-}
 
-TEST_F(TalMemPoolSetTest, MultiPools_FollowOneActiveSnapshotAndSplitThePeakAboveTheBasePool)
-{
-    // need = 10 MiB + 51 x 10240 = 11008000; above a 4 MiB base 6813696 is left:
+    // need = 10 MiB + 51 x 10240 = 11008000; above the base 6813696 is left:
     // three full 2 MiB pools, then 522240 plus the margin 3 x 256000.
-    impl.basePoolSize = 4 * kMiB;
-    impl.multiPoolSize = 2 * kMiB;
     const uint8_t states[][4] = {{4, 5, 0, 0}, {1, 2, 0, 0}, {0, 0, 6, 5}};
-    const char* expected[] = {"", "", "5 4 3 2 "};
+    const char* expected[] = {"1 ", "1 ", "5 4 3 2 1 "};
     for (int i = 0; i < 3; ++i) {
-        SCOPED_TRACE(i);
         std::copy(states[i], states[i] + 4, impl.ppState);
         impl.PoolUpdate(10 * kMiB);
         EXPECT_EQ(PoolIds(), expected[i]) << "because only one active state updates them";
     }
-    for (int id = 2; id <= 4; ++id) {
-        EXPECT_EQ(Pool(id)->GetSize(), 2 * kMiB);
+    for (int id = 2; id <= 5; ++id) {
+        EXPECT_EQ(Pool(id)->GetSize(), id < 5 ? 2 * kMiB : 1290240u);
         EXPECT_EQ(Pool(id)->GetModuleName(), "PP:MULTI_POOL");
     }
-    EXPECT_EQ(Pool(5)->GetSize(), 1290240u);
 
-    // A smaller peak fits pool 2 alone: pools 3 and 4 are asked to release
-    // (pool 4 is in use and stays); with four pools counted and nothing left,
-    // the walk stops before pool 5.
+    // A smaller peak fits pool 2 alone: pools 3 to 5 are asked to release,
+    // and pool 4, in use, stays.
     uintptr_t inUse = impl.PoolAlloc(3 * kMiB / 2, "mod", "algo", 0);
     ASSERT_EQ(impl.poolMcMap.begin()->second->poolId, 4) << "because pool 5 is too small";
     impl.UpdateMultiPools(5 * kMiB);
-    EXPECT_EQ(PoolIds(), "5 4 2 ");
+    EXPECT_EQ(PoolIds(), "4 2 1 ");
     EXPECT_EQ(Pool(2)->GetSize(), 2 * kMiB) << "because 1309696 bytes is within 2 MiB of it";
     EXPECT_TRUE(Logged(ANDROID_LOG_WARN,
-                       "QvCamMem PoolCreate, invalid poolSize(0) when create poolId 3\n"));
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_WARN, "PoolCreate Failed!\n"), 1);
+                       "QvCamMem PoolCreate, invalid poolSize(0) when create poolId 5\n"));
+    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_WARN, "PoolCreate Failed!\n"), 2);
     EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "QvCamMem PoolCreate,  tolerance -2097152 usedNum 1, no "
                                          "need to update multiPool\n"));
     impl.Free(inUse);
 
-    for (int id = 2; id <= 5; ++id) {
-        impl.PoolDestroyImpl(id);
-    }
+    impl.PoolDestroyImpl(2);
+    impl.PoolDestroyImpl(4);
     impl.basePoolSize = 0x0A000000;
     impl.multiPoolSize = 0x0DC00000;
     impl.UpdateMultiPools(0x0A000000);
-    EXPECT_EQ(PoolIds(), "2 ");
     EXPECT_EQ(Pool(2)->GetSize(), 8355840u) << "because 160 MiB needs 51 x 163840 bytes more";
     EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "UpdateMultiPools poolId:2 poolsize:8355840\n"));
 }
@@ -146,24 +130,22 @@ TEST_F(TalMemPoolSetTest, NeedDelPool_KeepsPoolsInUseAndWithinTwoMiB)
 {
     ASSERT_EQ(impl.PoolCreateImpl(0x10000, 2, "PP:MULTI_POOL"), 0);
     ASSERT_EQ(impl.PoolCreateImpl(0x10000, 3, "PP:MULTI_POOL"), 0);
-    struct Case {
+    const int32_t kTol = 0x200000;
+    const struct {
         int32_t poolId, usedNum, sizeDiff;
         bool release, pending;
         int32_t pendingId;
         bool expected, pendingAfter;
-    };
-    const int32_t kTol = 0x200000;
-    const Case cases[] = {
+    } cases[] = {
         {3, 1, kTol + 1, true, true, 3, false, true}, // live allocations pin the pool
         {3, 0, 0, false, true, 3, true, false},       // the shortage pool is recreated
-        {3, 0, 0, true, false, 4, true, false},
         {3, 0, kTol, false, true, 4, false, true},
         {3, 0, kTol + 1, false, true, 4, true, true},
         {3, 0, -kTol - 1, false, false, 4, true, false},
         {2, 0, -kTol, false, true, 4, false, true}, // two pools: pool 2 counts as the last
         {2, 0, kTol + 1, false, true, 4, true, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.poolId << " " << c.sizeDiff << " " << c.release);
         impl.shortagePending = c.pending;
         impl.shortagePoolId = c.pendingId;
@@ -227,13 +209,10 @@ TEST_F(TalMemPoolSetTest, PoolInitTest_MakesPoolTenAndServesRequests)
     EXPECT_EQ(impl.PoolInitTest("tester", 0), -1);
     EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "QvCamMem PoolInitTest, ERROR! can not alloc size(0)\n"));
     ASSERT_EQ(impl.PoolInitTest("tester", 2 * kMiB), 0);
-    TalMemChunk* pool = Pool(10);
-    ASSERT_NE(pool, nullptr);
-    EXPECT_EQ(pool->GetModuleName(), "tester");
-    EXPECT_EQ(pool->streamState, 2u);
-    EXPECT_EQ(impl.streamState, 2u);
+    ASSERT_EQ(PoolIds(), "10 ");
+    EXPECT_EQ(Pool(10)->GetModuleName(), "tester");
+    EXPECT_EQ(Pool(10)->streamState + impl.streamState, 4u) << "because both are set to 2";
     uintptr_t addr = AllocSize(4096);
-    ASSERT_NE(Chunk(impl.poolMcMap, addr), nullptr);
     EXPECT_EQ(Chunk(impl.poolMcMap, addr)->poolId, 10);
     impl.Free(addr);
 }
