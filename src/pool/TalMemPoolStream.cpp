@@ -1,8 +1,5 @@
-// Stream events, post-processing state and control commands.
-//
-// Learning at stream end and the pool checks depend on pools, which are not
-// built yet; the events, the post-processing state and the cache commands on
-// direct allocations work.
+// Stream events, post-processing state and control commands: learning at
+// stream end, pool checks, release commands and cache maintenance.
 
 #include "pool/TalMemPoolImpl.h"
 
@@ -124,8 +121,9 @@ void TalMemPoolImpl::MemPoolCtrl(int32_t cmd, const void* input)
         if (videState == 0) {
             return;
         }
-        // Ids are tried by count, not by the ids present.
-        for (int32_t id = 1; id <= static_cast<int32_t>(poolChunkList.size()); ++id) {
+        // Ids are tried by the count of pools at the command, not by the ids present.
+        const int32_t count = static_cast<int32_t>(poolChunkList.size());
+        for (int32_t id = 1; id <= count; ++id) {
             PoolDestroyImpl(id);
         }
         TAL_LOGD("QvCamMem %s, release allPools done\n", __func__);
@@ -135,7 +133,8 @@ void TalMemPoolImpl::MemPoolCtrl(int32_t cmd, const void* input)
         prevAllNeedPeak = prevAllNeed;
     } else if (cmd == kCtrlReleaseMultiPools) {
         TAL_LOGD("QvCamMem %s, release MultiPools\n", __func__);
-        for (int32_t id = 2; id <= static_cast<int32_t>(poolChunkList.size()); ++id) {
+        const int32_t count = static_cast<int32_t>(poolChunkList.size());
+        for (int32_t id = 2; id <= count; ++id) {
             PoolDestroyImpl(id);
         }
         TAL_LOGD("QvCamMem %s, release MultiPools done\n", __func__);

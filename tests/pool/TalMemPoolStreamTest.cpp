@@ -51,6 +51,10 @@ TEST_F(TalMemPoolStreamTest, ReleaseCommands_TryPoolIdsByCountAndKeepPoolsInUse)
     ASSERT_EQ(impl.PoolCreateImpl(kMiB, 3, "PP:MULTI_POOL"), 0);
     impl.MemPoolCtrl(3, &video);
     EXPECT_EQ(PoolIds(), "3 ") << "because with two pools only ids 1 and 2 are tried";
+    ASSERT_EQ(impl.PoolCreateImpl(kMiB, 1, "PP:BASE_POOL") + impl.PoolCreateImpl(kMiB, 2, "x"), 0);
+    impl.MemPoolCtrl(3, &video);
+    EXPECT_EQ(PoolIds(), "") << "because the count is taken before the first release";
+    ASSERT_EQ(impl.PoolCreateImpl(kMiB, 3, "PP:MULTI_POOL"), 0);
 
     // The first byte of a pool is the pool's for cache commands.
     const uintptr_t base = AddrOf(Pool(3));
