@@ -25,7 +25,10 @@ struct FakeCameraBuffer : QvCamera::ICameraBuffer {
     uint32_t GetFormat() const override { return 0x101; }
     int32_t GetShareFd() const override { return 77; }
     void* GetCpuAddr() const override { return reinterpret_cast<void*>(cpuAddr); }
-    uint64_t GetIova(uint32_t type, uint32_t flags) const override { return flags == 0 ? 0x100000000ull + type * 0x1000ull : 0; }
+    uint64_t GetIova(uint32_t type, uint32_t flags) const override
+    {
+        return flags == 0 ? 0x100000000ull + type * 0x1000ull : 0;
+    }
     uint32_t GetOffset() const override { return offset; }
     uint64_t GetPoolSize() const override { return poolSize; }
     int32_t InvalidateCache() override { return Record("invalidate"); }

@@ -21,7 +21,9 @@ TEST_F(HostPlatformTest, PropertyGet_LastFileLineWinsOverridesFirstTruncatedToTh
     std::string file = root_ + "/props";
     talmem_test::WriteFile(file, "a.b=1\nno equals sign\n  a.b  =  2  \nlong=" + std::string(200, 'x') + "\nempty=\n");
     setenv("TALMEM_PROPERTIES", file.c_str(), 1);
-    auto get = [&value](const char* key, const char* def) { return std::to_string(property_get(key, value, def)) + value; };
+    auto get = [&value](const char* key, const char* def) {
+        return std::to_string(property_get(key, value, def)) + value; // length, then the value
+    };
     EXPECT_EQ(get("a.b", "d"), "12") << "because the last line that sets a key wins, trimmed";
     EXPECT_EQ(get("long", ""), std::to_string(PROPERTY_VALUE_MAX - 1) + std::string(PROPERTY_VALUE_MAX - 1, 'x'));
     EXPECT_EQ(get("empty", "d") + "|" + get("missing", nullptr) + "|" + get(nullptr, "dd"), "0|0|2dd");
