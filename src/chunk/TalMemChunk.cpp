@@ -19,7 +19,6 @@ constexpr uint64_t kUsageHighSel1 = 20;
 constexpr uint64_t kUsageHighSel2 = 24;
 constexpr uint32_t kCachePage = 4096;
 constexpr int32_t kHeapBlock = 1;               // memAllocType of a malloc'ed chunk
-constexpr size_t kCacheMsgSize = 160;           // longest rejection message fits
 
 const char* const kUnknownName = "unknown";
 
@@ -219,20 +218,16 @@ int32_t TalMemChunk::CacheLocal(uintptr_t vaddr, uint32_t size, const CacheOp& o
     if (info.buffer == nullptr) {
         return -1;
     }
-    // The messages differ per operation, so they are formatted here first.
-    char text[kCacheMsgSize] = {0};
+    // Rejections are reported under the public method's name.
     if (size > info.size) {
-        snprintf_s(text, sizeof(text), sizeof(text) - 1, op.invalidSizeFmt, op.method,
-                   static_cast<int>(size), static_cast<size_t>(info.size));
-        TAL_LOGE("%s", text);
+        TAL_LOGE_FOR(op.method, op.invalidSizeFmt, op.method, static_cast<int>(size),
+                     static_cast<size_t>(info.size));
         return -1;
     }
     CacheSpan span = CacheSpanOf(vaddr, size);
     if (!span.fits) {
-        snprintf_s(text, sizeof(text), sizeof(text) - 1, op.outOfRangeFmt, op.method,
-                   static_cast<int>(span.start), static_cast<int>(span.len),
-                   static_cast<size_t>(info.size));
-        TAL_LOGE("%s", text);
+        TAL_LOGE_FOR(op.method, op.outOfRangeFmt, op.method, static_cast<int>(span.start),
+                     static_cast<int>(span.len), static_cast<size_t>(info.size));
         return -1;
     }
     QvCamera::ICameraBuffer& buffer = *info.buffer;

@@ -49,6 +49,16 @@ constexpr const char* kTalLogTag = "ZoEIS";
 #define TAL_LOGI(fmt, ...) TAL_LOG_AT(ANDROID_LOG_INFO, "INFO   ", fmt, ##__VA_ARGS__)
 #define TAL_LOGD(fmt, ...) TAL_LOG_AT(ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
 
+namespace qv {
+// Logs with the usual prefix but a function name chosen by the caller, for
+// shared helpers that report on behalf of the public method that called them.
+void TalLogForFunc(int prio, const char* label, const char* file, int line, const char* func,
+                   const char* fmt, ...);
+} // namespace qv
+
+#define TAL_LOGE_FOR(func, fmt, ...) \
+    ::qv::TalLogForFunc(ANDROID_LOG_ERROR, "ERROR  ", __FILE__, __LINE__, (func), fmt, ##__VA_ARGS__)
+
 // A few messages of the system are logged without the usual prefix.
 #define TAL_LOGE_RAW(fmt, ...) \
     __android_log_print(ANDROID_LOG_ERROR, ::qv::kTalLogTag, fmt, ##__VA_ARGS__)
