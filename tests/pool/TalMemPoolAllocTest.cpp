@@ -119,7 +119,7 @@ TEST_F(TalMemPoolAllocTest, PrevAlloc_BestFitFirstInMapOrderAndTheRatioAbove20Mi
     const uint32_t needNow = 6 * kMiB + 3072000 + 3067904;
     EXPECT_EQ(impl.prevAllNeed, needNow);
 
-    EXPECT_EQ(impl.sysPrevMcMap.size(), 6u) << "because the idle chunks stay while the peak is high";
+    EXPECT_EQ(impl.sysPrevMcMap.size(), 6u) << "because idle chunks stay while the peak is high";
     // With a low peak the idle chunks are dropped before the next new chunk.
     impl.prevAllNeedPeak = 0;
     uintptr_t small = AllocSize(kMiB, 1);

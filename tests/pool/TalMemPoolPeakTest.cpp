@@ -50,7 +50,6 @@ TEST_F(TalMemPoolPeakTest, LimitAlgoSize_MovesAQuarterWayUnlessTheJumpIs40MiBAnd
         SCOPED_TRACE(testing::Message() << c.oldPeak << " -> " << c.newPeak);
         EXPECT_EQ(impl.LimitAlgoSize("algoA", "4000x3000", c.oldPeak, c.newPeak), c.expected);
     }
-    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "tolerance:41943040 is larger than limit\n"));
     EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "algo filter:algoA resolution=4000x3000 peakSize "
                                           "63963136->filterPeakSize 94633984 \n"));
     EXPECT_TRUE(Logged(ANDROID_LOG_WARN, "algo filter:algoA resolution=4000x3000 peakSize "

@@ -158,8 +158,8 @@ TEST_F(TalMemPoolSetTest, NeedDelPool_KeepsPoolsInUseAndWithinTwoMiB)
     EXPECT_EQ(Pool(3)->GetSize(), 0x10000u) << "because exactly 2 MiB more is tolerated";
     impl.PoolCreate(0x10000 + kTol + 1, 3, "PP:MULTI_POOL", false);
     EXPECT_EQ(Pool(3)->GetSize(), 0x211000u) << "because it was created again, rounded to pages";
-    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "QvCamMem PoolCreate, release:0 tolerance 2097153 usedNum "
-                                          "0 release multiPool\n"));
+    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "QvCamMem PoolCreate, release:0 tolerance 2097153 "
+                                          "usedNum 0 release multiPool\n"));
 }
 
 TEST_F(TalMemPoolSetTest, ClearAll_AfterCameraCloseWithNoPoolInUse_SavesTheLearntTable)
