@@ -24,8 +24,9 @@ inline std::string NameOrUnknown(const char* name)
 
 } // namespace
 
-// Every entry but NewPool and DeletePool starts like this: without a service
-// it logs with the entry's own name and returns its failure value.
+// Every entry but NewPool and DeletePool starts like this (Free and GetIBuf
+// after refusing a null address): without a service it logs with the entry's
+// own name and returns its failure value.
 #define TAL_REQUIRE_SERVICE(failValue)                                          \
     do {                                                                        \
         if (poolThread == nullptr) {                                            \
@@ -106,21 +107,21 @@ std::shared_ptr<QvCamera::ICameraBuffer> TalMemPool::Malloc(const MallocInfo& in
 
 void TalMemPool::Free(void* vaddr, const char* name, const void* owner)
 {
-    TAL_REQUIRE_SERVICE();
     if (vaddr == nullptr) {
         TAL_LOGE("QvCamMem %s, vaddr=0x%lx return\n", __func__, 0ul);
         return;
     }
+    TAL_REQUIRE_SERVICE();
     poolThread->Free(vaddr);
 }
 
 const qva_ibuf* TalMemPool::GetIBuf(const void* vaddr)
 {
-    TAL_REQUIRE_SERVICE(nullptr);
     if (vaddr == nullptr) {
         TAL_LOGE("QvCamMem %s, vaddr=0x%lx return\n", __func__, 0ul);
         return nullptr;
     }
+    TAL_REQUIRE_SERVICE(nullptr);
     return poolThread->GetIBuf(vaddr);
 }
 

@@ -32,7 +32,8 @@ bool TalMemPoolThread::ImplValidLocked(const char* func, int line) const
     if (memPoolImpl != nullptr) {
         return true;
     }
-    // Logged with the caller's own name and line, as every forwarder's line is.
+    // The line carries the forwarder's own name and line in its prefix, as if
+    // the forwarder had logged it with TAL_LOGE.
     __android_log_print(ANDROID_LOG_ERROR, kTalLogTag,
                         "[ERROR  ] %s:%d %s() QvCamMem %s memPoolImpl invalid\n",
                         TalFileBase(__FILE__), line, func, func);
@@ -179,36 +180,32 @@ int32_t TalMemPoolThread::ClearAllSync()
     return ret;
 }
 
-void TalMemPoolThread::CameraClose()
+void TalMemPoolThread::Forward(const char* func, int line, void (TalMemPoolImpl::*op)())
 {
     AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
-        memPoolImpl->CameraClose();
+    if (ImplValidLocked(func, line)) {
+        (memPoolImpl->*op)();
     }
+}
+
+void TalMemPoolThread::CameraClose()
+{
+    Forward(__func__, __LINE__, &TalMemPoolImpl::CameraClose);
 }
 
 void TalMemPoolThread::OnSos()
 {
-    AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
-        memPoolImpl->OnSos();
-    }
+    Forward(__func__, __LINE__, &TalMemPoolImpl::OnSos);
 }
 
 void TalMemPoolThread::OnFrame()
 {
-    AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
-        memPoolImpl->OnFrame();
-    }
+    Forward(__func__, __LINE__, &TalMemPoolImpl::OnFrame);
 }
 
 void TalMemPoolThread::OnEos()
 {
-    AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
-        memPoolImpl->OnEos();
-    }
+    Forward(__func__, __LINE__, &TalMemPoolImpl::OnEos);
 }
 
 void TalMemPoolThread::UpdatePPState(int32_t ppType, int32_t state)
@@ -263,18 +260,6 @@ int32_t TalMemPoolThread::PoolUpdateSync()
         return -1;
     }
     return memPoolImpl->PoolUpdate(mPeakSize);
-}
-
-uint32_t TalMemPoolThread::GetPeakSize()
-{
-    AutoMutex _l(mImplLock);
-    return mPeakSize;
-}
-
-bool TalMemPoolThread::IsLooperReady()
-{
-    AutoMutex _l(mImplLock);
-    return m_spMemLooper != nullptr && memHandler != nullptr;
 }
 
 void TalMemPoolThread::RegisterAllocatorRef(int32_t ref, const std::string& name)
@@ -373,7 +358,8 @@ bool TalMemPoolThread::threadLoop()
         return false;
     }
     while (true) {
-        if (mTimeOutCount.load() > 0) {
+        // Read without mTimeOutLock: a stale count only picks the other wait once.
+        if (mTimeOutCount.load(std::memory_order_relaxed) > 0) {
             looper->pollOnce(-1);
         } else if (looper->pollOnce(kIdleSummaryMs) == android::Looper::POLL_TIMEOUT) {
             DumpMemInfo();

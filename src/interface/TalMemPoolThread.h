@@ -75,7 +75,7 @@ public:
     void ReleasePool(const MallocInfo& info);
     // mode 1: post kMsgClearAll after delayMs; other modes clear now. 0 or -1.
     int32_t ClearAll(int32_t mode, int32_t delayMs);
-    int32_t ClearAllAsync(int32_t delayMs);
+    // Clears all pools now; the handler of kMsgClearAll and the destructor.
     int32_t ClearAllSync();
     void CameraClose();
     void OnSos();
@@ -101,32 +101,25 @@ public:
     // Asks the looper thread to stop and wakes it so that it sees the request.
     void RequestExit();
 
-    // Diagnostics and tests. GetImplForTest hands out the pool manager without
-    // the lock (only for callers that know no other thread touches it);
-    // WithImplLocked runs `fn(memPoolImpl)` under mImplLock.
-    TalMemPoolImpl* GetImplForTest() { return memPoolImpl; }
-    template <typename Fn>
-    auto WithImplLocked(Fn fn)
-    {
-        android::AutoMutex _l(mImplLock);
-        return fn(memPoolImpl);
-    }
-    int32_t GetTimeOutCount() const { return mTimeOutCount.load(); }
-    uint32_t GetPeakSize();
-    // True once the looper thread has made its looper and handler.
-    bool IsLooperReady();
-
 private:
+    friend struct TalMemPoolThreadTestPeer; // tests read the state under mImplLock
+
     android::status_t readyToRun() override;
     bool threadLoop() override;
-    // Logs "memPoolImpl invalid" for `func` when there is no pool manager.
+    // Logs "memPoolImpl invalid" as `func` at `line` when there is no pool manager.
     bool ImplValidLocked(const char* func, int line) const;
+    // Takes mImplLock and runs `op` on the pool manager; CameraClose and the
+    // stream events are this one step with a different operation.
+    void Forward(const char* func, int line, void (TalMemPoolImpl::*op)());
+    // Posts kMsgClearAll after delayMs; fails while the looper or the handler
+    // is missing. Called with mImplLock held.
+    int32_t ClearAllAsync(int32_t delayMs);
     int32_t PostLocked(int what, int32_t delayMs);
 
     uint32_t mPeakSize = 0;
     android::Mutex mImplLock;
     // Written under mTimeOutLock; the looper reads it without the lock to pick
-    // its wait, so it is atomic.
+    // its wait (a stale value only changes one wait), so it is atomic.
     std::atomic<int32_t> mTimeOutCount{0};
     android::Mutex mTimeOutLock;
     TalMemPoolImpl* memPoolImpl = nullptr;
