@@ -85,14 +85,14 @@ void* Allocate(const Request& req)
 
 void PrintHeader()
 {
-    printf("%-22s %-8s %-8s %10s %4s %6s %6s %10s %4s %-7s %5s %5s\n", "buffer", "addr", "iova",
+    printf("%-22s %-8s %-8s %10s %4s %8s %6s %10s %4s %-7s %5s %5s\n", "buffer", "addr", "iova",
            "size", "fd", "stride", "slice", "pool size", "id", "pattern", "flush", "inval");
-    printf("%s\n", std::string(107, '-').c_str());
+    printf("%s\n", std::string(109, '-').c_str());
 }
 
 void PrintRow(const Request& req, const qva_ibuf* ibuf, const Outcome& out)
 {
-    printf("%-22s %06lx   %06lx   %10" PRIu32 " %4" PRId32 " %6" PRIu32 " %6" PRIu32
+    printf("%-22s %06lx   %06lx   %10" PRIu32 " %4" PRId32 " %8" PRIu32 " %6" PRIu32
            " %10" PRIu32 " %4" PRId32 " %-7s %5" PRId32 " %5" PRId32 "\n",
            req.label, Mask(reinterpret_cast<uintptr_t>(ibuf->getAddr(ibuf))),
            Mask(ibuf->getIOVA(ibuf)), ibuf->getSize(ibuf), ibuf->getShareFD(ibuf),
