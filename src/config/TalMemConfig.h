@@ -54,6 +54,12 @@ struct TalMemResoluAlgoSize {
     uint32_t algoSize;
 };
 
+// Entries are equal when both fields are; whole tables then compare with ==.
+inline bool operator==(const TalMemResoluAlgoSize& a, const TalMemResoluAlgoSize& b)
+{
+    return a.resolution == b.resolution && a.algoSize == b.algoSize;
+}
+
 // Algorithm name -> its learnt peaks in the order read or learnt. A list of
 // two or more entries never holds a "default" entry.
 using TalAlgoSizeList = std::list<TalMemResoluAlgoSize>;
@@ -132,11 +138,12 @@ private:
     // Loads the learnt filter file: 0 loaded, -1 present but not loadable,
     // 1 absent or unreadable.
     int LoadFilterFile(TalAlgoPeakMap& algoPeakMap);
-    struct LimitSpec;
+    struct LimitRule;
     // Reads one optional limit element when `element` is the one named by
-    // `spec` and moves `element` past it; -1 only for an over-long text.
+    // `limit` and moves `element` past it; -1 only for an over-long or empty
+    // text. Lines are logged under the name `func`.
     int LoadOptionalLimit(const char* func, const tinyxml2::XMLElement*& element,
-                          const LimitSpec& spec, int32_t& out);
+                          const LimitRule& limit, int32_t& out);
 };
 
 } // namespace qv

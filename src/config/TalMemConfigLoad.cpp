@@ -37,9 +37,15 @@ int ParseDecimal(const char* text)
     return value < INT_MIN ? INT_MIN : static_cast<int>(value);
 }
 
+// The optional limits are read by one helper for LoadVariableElement and
+// LoadMultiPoolSize; its lines carry the caller's name, as the caller's own would.
+#define TAL_LOG_FOR(func, prio, label, fmt, ...)                                       \
+    __android_log_print((prio), kTalLogTag, "[" label "] %s:%d %s() " fmt,             \
+                        TalFileBase(__FILE__), __LINE__, (func), ##__VA_ARGS__)
+
 } // namespace
 
-struct TalMemConfig::LimitSpec {
+struct TalMemConfig::LimitRule {
     const char* element; // element name in the file
     const char* field;   // record field, as named in the range message
     unsigned int maxLen;
@@ -183,22 +189,24 @@ int TalMemConfig::CheckAllocateType(const std::string& fileName, int type)
 }
 
 int TalMemConfig::LoadOptionalLimit(const char* func, const XMLElement*& element,
-                                    const LimitSpec& spec, int32_t& out)
+                                    const LimitRule& limit, int32_t& out)
 {
-    if (CheckElementName(element, spec.element) != 0) {
-        TAL_LOGW("%s %s is missing!\n", func, spec.element);
+    if (CheckElementName(element, limit.element) != 0) {
+        TAL_LOG_FOR(func, ANDROID_LOG_WARN, "WARN   ", "%s %s is missing!\n", func, limit.element);
         return 0;
     }
+    // An empty element has no text at all: refused like an over-long one.
     const char* text = element->GetText();
-    if (text == nullptr || strlen(text) > spec.maxLen) {
-        TAL_LOGE("%s check %s fail!\n", func, spec.element);
+    if (text == nullptr || strlen(text) > limit.maxLen) {
+        TAL_LOG_FOR(func, ANDROID_LOG_ERROR, "ERROR  ", "%s check %s fail!\n", func, limit.element);
         return -1;
     }
     out = ParseDecimal(text);
-    TAL_LOGI(" %s  %s %d\n", spec.element, text, out);
-    if (out < spec.min || out > spec.max) {
-        TAL_LOGE("%s %s:%d exceeds limit, set default!\n", func, spec.field, out);
-        out = spec.def;
+    TAL_LOG_FOR(func, ANDROID_LOG_INFO, "INFO   ", " %s  %s %d\n", limit.element, text, out);
+    if (out < limit.min || out > limit.max) {
+        TAL_LOG_FOR(func, ANDROID_LOG_ERROR, "ERROR  ", "%s %s:%d exceeds limit, set default!\n",
+                    func, limit.field, out);
+        out = limit.def;
     }
     element = element->NextSiblingElement();
     return 0;
@@ -206,9 +214,9 @@ int TalMemConfig::LoadOptionalLimit(const char* func, const XMLElement*& element
 
 int TalMemConfig::LoadVariableElement(const XMLElement* element, TalAlgoPeakMap& algoPeakMap)
 {
-    static constexpr LimitSpec kAlgoSizeLimit = {"AlgoSizeLimit", "algoSizeLimit", kSizeMaxLen,
+    static constexpr LimitRule kAlgoSizeLimit = {"AlgoSizeLimit", "algoSizeLimit", kSizeMaxLen,
                                                  0, kMaxAlgoSizeLimit, kDefaultAlgoSizeLimit};
-    static constexpr LimitSpec kPrevRatioLimit = {"PrevRatioLimit", "prevRatioLimit",
+    static constexpr LimitRule kPrevRatioLimit = {"PrevRatioLimit", "prevRatioLimit",
                                                   kRatioMaxLen, kMinPrevRatioLimit,
                                                   kMaxPrevRatioLimit, kDefaultPrevRatioLimit};
     const XMLElement* cur = element;
@@ -229,7 +237,7 @@ int TalMemConfig::LoadVariableElement(const XMLElement* element, TalAlgoPeakMap&
 
 const XMLElement* TalMemConfig::LoadMultiPoolSize(const XMLElement* element)
 {
-    static constexpr LimitSpec kMultiPoolSize = {"MultiPoolSize", "multiPoolSize", kSizeMaxLen,
+    static constexpr LimitRule kMultiPoolSize = {"MultiPoolSize", "multiPoolSize", kSizeMaxLen,
                                                  kMinMultiPoolSize, kMaxMultiPoolSize,
                                                  kDefaultMultiPoolSize};
     const XMLElement* cur = element;

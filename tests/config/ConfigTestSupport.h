@@ -1,63 +1,61 @@
 #ifndef TALMEM_TESTS_CONFIG_CONFIGTESTSUPPORT_H
 #define TALMEM_TESTS_CONFIG_CONFIGTESTSUPPORT_H
 
-// Helpers shared by the configuration tests: XML texts, the device paths of
-// the fixture's root and fixed memory probes.
+// Helpers shared by the configuration tests: documents, paths under the
+// fixture's device root and printable forms of the results.
 
 #include <string>
+#include <vector>
 
 #include "TalTestSupport.h"
 #include "config/TalMemConfig.h"
 
 namespace talmem_test {
 
-constexpr const char* kRootText = "list algorithm peak size";
-constexpr const char* kDeviceDir = "/odm/etc/camera/";
-constexpr const char* kWritableDir = "/data/vendor/camera/";
+constexpr int kE = ANDROID_LOG_ERROR, kW = ANDROID_LOG_WARN, kI = ANDROID_LOG_INFO;
 
-// Probes of an 8 GiB device, a 4 GiB device and a failed probe (KiB).
-inline int Probe8G() { return 8 * 1024 * 1024; }
-inline int Probe4G() { return 0x400000; }
-inline int ProbeJustOver4G() { return 0x400001; }
-inline int ProbeFailed() { return -1; }
-
-// The five fixed elements with the given AllocType and BasePoolSize.
-inline std::string FixedElements(const std::string& allocType = "1",
-                                 const std::string& basePoolSize = "104857600")
+// A document: root text, AllocType `type`, BasePoolSize `base`, then `rest`.
+inline std::string Cfg(const std::string& rest, const std::string& type = "1",
+                       const std::string& base = "1000", const std::string& text = "root text")
 {
-    return "<AllocType>" + allocType + "</AllocType><BasePoolSize>" + basePoolSize +
-           "</BasePoolSize><AlgoSizeLimit>471859200</AlgoSizeLimit>"
-           "<PrevRatioLimit>75</PrevRatioLimit><MultiPoolSize>230686720</MultiPoolSize>";
+    return "<TalMemPoolConfig>" + text + "<AllocType>" + type + "</AllocType><BasePoolSize>" +
+           base + "</BasePoolSize>" + rest + "</TalMemPoolConfig>";
 }
 
-// A whole configuration document around `body` (everything after the root text).
-inline std::string ConfigXml(const std::string& body, const std::string& rootText = kRootText)
+// The same with the three optional limits, all valid, before `algos`.
+inline std::string WithLimits(const std::string& algos, const std::string& type = "1")
 {
-    return "<?xml version=\"1.0\"?>\n<TalMemPoolConfig>" + rootText + body +
-           "</TalMemPoolConfig>\n";
+    return Cfg("<AlgoSizeLimit>471859200</AlgoSizeLimit><PrevRatioLimit>75</PrevRatioLimit>"
+               "<MultiPoolSize>230686720</MultiPoolSize>" + algos, type);
 }
 
-// A valid configuration with the given algorithm elements.
-inline std::string ConfigWithAlgos(const std::string& algos)
+// "name[resolution=size ...] ..." in map order.
+inline std::string Describe(const qv::TalAlgoPeakMap& table)
 {
-    return ConfigXml(FixedElements() + algos);
+    std::string out;
+    for (const auto& algo : table) {
+        out += (out.empty() ? "" : " ") + algo.first + "[";
+        for (const auto& e : algo.second) {
+            out += (out.back() == '[' ? "" : " ") + e.resolution + "=" + std::to_string(e.algoSize);
+        }
+        out += "]";
+    }
+    return out;
+}
+
+inline std::vector<int> Record(const qv::TalMemConfig& c)
+{
+    return {c.allocateType, c.basePoolSize, c.algoSizeLimit, c.prevRatioLimit, c.multiPoolSize};
 }
 
 class ConfigTest : public TalTest {
 protected:
-    std::string DeviceFile(const std::string& name) const { return DevicePath(kDeviceDir) + name; }
-    std::string PriorityFile(const std::string& name) const
+    std::string DeviceFile(const std::string& name) const { return DevicePath("/odm/etc/camera/" + name); }
+    std::string FilterFile() const { return DevicePath("/data/vendor/camera/talmempoolfilter.xml"); }
+    int LoadText(const std::string& xml) // writes `xml` to a device file and loads it
     {
-        return DevicePath(kDeviceDir) + "AlgoConfig/" + name;
-    }
-    std::string FilterFile() const { return DevicePath(kWritableDir) + "talmempoolfilter.xml"; }
-
-    // Writes `xml` to a scratch file and loads it as a device configuration.
-    int LoadText(const std::string& xml)
-    {
-        std::string path = DeviceFile("scratch.xml");
-        WriteFile(path, xml);
-        return config.LoadTalMemConfig(path, table);
+        WriteFile(DeviceFile("x.xml"), xml);
+        return config.LoadTalMemConfig(DeviceFile("x.xml"), table);
     }
 
     qv::TalMemConfig config;

@@ -63,26 +63,6 @@ void CheckTable(const qv::TalMemConfig& config, const qv::TalAlgoPeakMap& table)
     }
 }
 
-bool SameTable(const qv::TalAlgoPeakMap& a, const qv::TalAlgoPeakMap& b)
-{
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (auto ia = a.begin(), ib = b.begin(); ia != a.end(); ++ia, ++ib) {
-        if (ia->first != ib->first || ia->second.size() != ib->second.size()) {
-            return false;
-        }
-        auto eb = ib->second.begin();
-        for (const auto& ea : ia->second) {
-            if (ea.resolution != eb->resolution || ea.algoSize != eb->algoSize) {
-                return false;
-            }
-            ++eb;
-        }
-    }
-    return true;
-}
-
 // The parser turns a carriage return into a line feed, so texts holding one
 // cannot come back unchanged; everything else must.
 bool HasCarriageReturn(const qv::TalAlgoPeakMap& table)
@@ -117,7 +97,7 @@ void FuzzDeviceFile(const uint8_t* data, size_t size)
     qv::TalMemConfig back;
     qv::TalAlgoPeakMap backTable;
     Check(back.LoadTalMemConfig(FilterPath(), backTable) == 0, "written file reads back");
-    Check(SameTable(table, backTable), "table round-trips");
+    Check(table == backTable, "table round-trips");
     Check(back.basePoolSize == config.basePoolSize && back.algoSizeLimit == config.algoSizeLimit &&
               back.prevRatioLimit == config.prevRatioLimit &&
               back.multiPoolSize == config.multiPoolSize,
