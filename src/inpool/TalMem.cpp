@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "common/TalLog.h"
 #include "inpool/TalMemImpl.h"
+#include "inpool/TalMemLog.h"
 
 // Site numbers of "%s(%d)" in this file are 4xx.
 
@@ -28,31 +28,47 @@ int TalMem::TalMemInit()
 }
 
 // The two failures every forwarding operation shares: no allocator object,
-// and a required argument that is 0. Each is logged here.
+// and a required argument that is 0. Each is logged here, in the name of `func`.
 TalMem::Gate TalMem::Check(const char* func, int site, bool argsOk) const
 {
     if (mMemImpl == nullptr) {
-        TAL_LOGE("QvCamMem %s memImpl invalid\n", func);
+        TAL_LOGE_AS(func, "QvCamMem %s memImpl invalid\n", func);
         return Gate::kNoObject;
     }
     if (!argsOk) {
-        TAL_LOGE("%s(%d): poolAddr input error\n", func, site);
+        TAL_LOGE_AS(func, "%s(%d): poolAddr input error\n", func, site);
         return Gate::kBadArgument;
     }
     return Gate::kPass;
 }
 
-int TalMem::Init(uintptr_t poolAddr, uint32_t size)
+// The path of the operations that report a code: -5 without an allocator
+// (nothing more logged), -1 for a missing argument, else the forwarded
+// result; every non-zero code after the object check gets the ErrorCode line,
+// with the address when `address` is given.
+template <typename Call>
+int TalMem::ForwardCode(const char* func, int site, bool argsOk, const uintptr_t* address,
+                        Call call)
 {
-    Gate gate = Check(__func__, 401, poolAddr != 0);
+    Gate gate = Check(func, site, argsOk);
     if (gate == Gate::kNoObject) {
         return -5;
     }
-    int ret = gate == Gate::kPass ? mMemImpl->TalMemInit(poolAddr, size) : -1;
-    if (ret != 0) {
-        TAL_LOGE("QvCamMem %s ErrorCode:%d\n", __func__, ret);
+    int ret = gate == Gate::kPass ? call() : -1;
+    if (ret != 0 && address == nullptr) {
+        TAL_LOGE_AS(func, "QvCamMem %s ErrorCode:%d\n", func, ret);
+    } else if (ret != 0) {
+        // The address is printed in decimal behind "0x", as the log readers expect.
+        TAL_LOGE_AS(func, "QvCamMem %s ErrorCode:%d addr 0x%u\n", func, ret,
+                    static_cast<unsigned int>(TalMaskAddr(*address)));
     }
     return ret;
+}
+
+int TalMem::Init(uintptr_t poolAddr, uint32_t size)
+{
+    return ForwardCode(__func__, 401, poolAddr != 0, nullptr,
+                       [&] { return mMemImpl->TalMemInit(poolAddr, size); });
 }
 
 uintptr_t TalMem::Alloc(uintptr_t poolAddr, uint32_t size)
@@ -65,44 +81,21 @@ uintptr_t TalMem::Alloc(uintptr_t poolAddr, uint32_t size)
 
 int TalMem::Free(uintptr_t poolAddr, uintptr_t address)
 {
-    Gate gate = Check(__func__, 403, poolAddr != 0);
-    if (gate == Gate::kNoObject) {
-        return -5;
-    }
-    int ret = gate == Gate::kPass ? mMemImpl->TalMemFree(poolAddr, address) : -1;
-    if (ret != 0) {
-        // The address is printed in decimal behind "0x", as the log readers expect.
-        TAL_LOGE("QvCamMem %s ErrorCode:%d addr 0x%u\n", __func__, ret,
-                 static_cast<unsigned int>(TalMaskAddr(address)));
-    }
-    return ret;
+    return ForwardCode(__func__, 403, poolAddr != 0, &address,
+                       [&] { return mMemImpl->TalMemFree(poolAddr, address); });
 }
 
 int TalMem::DumpInfo(uintptr_t poolAddr)
 {
-    Gate gate = Check(__func__, 404, poolAddr != 0);
-    if (gate == Gate::kNoObject) {
-        return -5;
-    }
-    int ret = gate == Gate::kPass ? mMemImpl->TalMemDumpInfo(poolAddr) : -1;
-    if (ret != 0) {
-        TAL_LOGE("QvCamMem %s ErrorCode:%d\n", __func__, ret);
-    }
-    return ret;
+    return ForwardCode(__func__, 404, poolAddr != 0, nullptr,
+                       [&] { return mMemImpl->TalMemDumpInfo(poolAddr); });
 }
 
 int TalMem::SetMcInfo(uintptr_t address, void* record, const char* algoName, const char* moduleName)
 {
-    Gate gate = Check(__func__, 405, address != 0 && record != nullptr);
-    if (gate == Gate::kNoObject) {
-        return -5;
-    }
-    int ret = gate == Gate::kPass ? mMemImpl->TalMemSetMcInfo(address, record, algoName, moduleName)
-                                  : -1;
-    if (ret != 0) {
-        TAL_LOGE("QvCamMem %s ErrorCode:%d\n", __func__, ret);
-    }
-    return ret;
+    return ForwardCode(__func__, 405, address != 0 && record != nullptr, nullptr, [&] {
+        return mMemImpl->TalMemSetMcInfo(address, record, algoName, moduleName);
+    });
 }
 
 void* TalMem::GetMcInfo(uintptr_t poolAddr, uintptr_t address)

@@ -60,6 +60,8 @@ public:
 private:
     enum class Gate { kPass, kNoObject, kBadArgument };
     Gate Check(const char* func, int site, bool argsOk) const;
+    template <typename Call>
+    int ForwardCode(const char* func, int site, bool argsOk, const uintptr_t* address, Call call);
 
     TalMemImpl* mMemImpl = nullptr;
 };

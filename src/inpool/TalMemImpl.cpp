@@ -8,8 +8,8 @@
 
 #include <cstring>
 
-#include "common/TalLog.h"
 #include "inpool/TalList.h"
+#include "inpool/TalMemLog.h"
 #include "securec.h"
 #include "talmem_properties.h"
 
@@ -32,15 +32,17 @@ TalDlList* HeadOf(TalMemPoolInfo* pool, uint32_t size)
     return TalDLinkMultiHead::OsDLnkMultiHead(pool->multiHead, size);
 }
 
-void CopyName(char (&dest)[kTalNameLen], const char* src, const char* func)
+} // namespace
+
+// The bounded copy of an owner name: at most 127 characters, the last byte
+// always NUL; a failed copy is reported in the name of `func`.
+void TalMemImpl::CopyName(char (&dest)[kTalNameLen], const char* src, const char* func)
 {
     if (strncpy_s(dest, kTalNameLen, src, kTalNameLen - 1) != 0) {
-        TAL_LOGE("%s:strncpy_s data failed\n", func);
+        TAL_LOGE_AS(func, "%s:strncpy_s data failed\n", func);
     }
     dest[kTalNameLen - 1] = '\0';
 }
-
-} // namespace
 
 int TalMemImpl::TalMemImplInit()
 {
@@ -75,8 +77,6 @@ int TalMemImpl::TalMemInit(uintptr_t poolAddr, uint32_t size)
     if (size < kTalMinPoolSize) {
         return -3;
     }
-    // Trailing bytes that cannot start an aligned end node are left unused.
-    size &= ~(kTalNodeAlign - 1);
     TalMemPoolInfo* pool = TalPoolOf(poolAddr);
     pool->pool = poolAddr;
     pool->poolSize = size;
@@ -106,14 +106,7 @@ int TalMemImpl::TalMemInit(uintptr_t poolAddr, uint32_t size)
     pool->freeSize += firstSize;
     pool->freeNodeNum += 1;
 
-    TalMemDynNode* end = TalEndNode(pool);
-    memset_s(end, kTalNodeHeadSize, 0, kTalNodeHeadSize);
-    end->prevNode = first;
-    end->mcInfo = nullptr;
-    end->magic = kTalMemMagic;
-    end->nodeSize = kTalNodeUsedFlag | kTalNodeHeadSize;
-    TalSetUsedMark(end);
-    OsMemNodeNameSet(end, kSentinelName, kSentinelName);
+    WriteEndNode(pool, first);
 
     pool->fatalInfo.moduleName[0] = '\0';
     pool->fatalInfo.algoName[0] = '\0';
@@ -130,14 +123,34 @@ int TalMemImpl::TalMemInit(uintptr_t poolAddr, uint32_t size)
     return 0;
 }
 
+// The end node occupies the pool's last header-sized bytes. A pool size that
+// is not a multiple of the header alignment leaves it unaligned there, so it
+// is composed aside and copied into place (the pool manager's chunks are
+// whole pages and never hit this).
+void TalMemImpl::WriteEndNode(TalMemPoolInfo* pool, TalMemDynNode* first)
+{
+    TalMemDynNode end;
+    memset_s(&end, kTalNodeHeadSize, 0, kTalNodeHeadSize);
+    uintptr_t endAddr = TalAddrOf(pool) + pool->poolSize - kTalNodeHeadSize;
+    end.prevNode = first;
+    end.mcInfo = nullptr;
+    end.magic = kTalMemMagic;
+    end.nodeSize = kTalNodeUsedFlag | kTalNodeHeadSize;
+    end.listNode.nextLink = TalUsedMarkNext();
+    end.listNode.prevLink =
+        reinterpret_cast<TalDlList*>(~(endAddr + offsetof(TalMemDynNode, listNode)));
+    OsMemNodeNameSet(&end, kSentinelName, kSentinelName);
+    memcpy(reinterpret_cast<void*>(endAddr), &end, kTalNodeHeadSize);
+}
+
 int TalMemImpl::CheckPoolHeader(const TalMemPoolInfo* pool, const char* func, int site)
 {
     if (pool->magic != kTalMemMagic) {
-        TAL_LOGE("%s(%d):control check magic error 0x%x\n\n", func, site, pool->magic);
+        TAL_LOGE_AS(func, "%s(%d):control check magic error 0x%x\n\n", func, site, pool->magic);
         return -2;
     }
     if (pool->poolCreate == 0) {
-        TAL_LOGE("%s(%d):poolCreate not create\n\n", func, site + 1);
+        TAL_LOGE_AS(func, "%s(%d):poolCreate not create\n\n", func, site + 1);
         return -100;
     }
     return 0;
@@ -387,7 +400,7 @@ bool TalMemImpl::PoolAndEndNodeOk(TalMemPoolInfo* pool, const char* func, int si
             return true;
         }
     }
-    TAL_LOGE("%s(%d): MAGIC_CHECK error\n", func, site);
+    TAL_LOGE_AS(func, "%s(%d): MAGIC_CHECK error\n", func, site);
     OsMemNodeDump(pool);
     return false;
 }

@@ -37,8 +37,8 @@ public:
 
     // Formats [pool, pool + size) as an empty pool. 0; -1 for a null pool;
     // -3 when size cannot hold the headers and one byte; -100 when the
-    // first node has no size class. The size is used rounded down to the
-    // header alignment, so that no header is ever misaligned.
+    // first node has no size class. The first node takes size minus the
+    // headers; the end node takes the last header-sized bytes.
     int TalMemInit(uintptr_t pool, uint32_t size);
 
     // A 4096-aligned address with at least `size` usable bytes, or 0.
@@ -115,6 +115,8 @@ private:
         bool broken[kTalMultiHeadNum];
     };
     static void ScanFreeLists(TalMemPoolInfo* pool, FreeListScan* scan);
+    static void CopyName(char (&dest)[kTalNameLen], const char* src, const char* func);
+    static void WriteEndNode(TalMemPoolInfo* pool, TalMemDynNode* first);
     static int CheckPoolHeader(const TalMemPoolInfo* pool, const char* func, int site);
     static TalMemDynNode* NodeOfAddress(const TalMemPoolInfo* pool, uintptr_t address);
     bool PoolAndEndNodeOk(TalMemPoolInfo* pool, const char* func, int site);

@@ -7,36 +7,28 @@
 
 #include <cstdlib>
 
-#include "common/TalLog.h"
+#include "inpool/TalMemLog.h"
 #include "securec.h"
 
 namespace qv {
 
 namespace {
 
-void CopyFatalName(char (&dest)[kTalNameLen], const char* src)
-{
-    if (src == nullptr) {
-        return;
-    }
-    if (strncpy_s(dest, kTalNameLen, src, kTalNameLen - 1) != 0) {
-        TAL_LOGE("%s:strncpy_s data failed\n", "OsMemRecordFatalInfo");
-    }
-    dest[kTalNameLen - 1] = '\0';
-}
-
 // Whether stepping from `node` by its size lands on a node at or before the
 // end node. A size that is too small, misaligned or overshooting means the
-// header is broken even though its magic is right.
+// header is broken even though its magic is right. Only the node before the
+// end node may have a size off the alignment: a pool size off the alignment
+// leaves it to that node.
 bool StepIsSane(const TalMemDynNode* node, const TalMemDynNode* end)
 {
     uint32_t size = TalNodeSize(node);
-    return size >= kTalNodeHeadSize && size % kTalNodeAlign == 0 && TalNextNode(node) <= end;
+    const TalMemDynNode* next = TalNextNode(node);
+    return size >= kTalNodeHeadSize && (next == end || (size % kTalNodeAlign == 0 && next < end));
 }
 
-void LogBrokenNode(const TalMemDynNode* node, const char* tail)
+void LogBrokenNode(const char* op, const TalMemDynNode* node, const char* tail)
 {
-    TAL_LOGE("magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", node->magic,
+    TAL_LOGE_AS(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", node->magic,
              TalMaskAddr(node), TalMaskAddr(TalNodeHandedOut(node)),
              static_cast<int>(TalNodeSize(node)), tail);
 }
@@ -47,12 +39,14 @@ int TalMemImpl::OsMemIsNodeValid(const TalMemDynNode* node, const TalMemDynNode*
                                  const TalMemDynNode* endNode, uintptr_t startPool,
                                  uintptr_t endPool)
 {
-    // A misaligned address cannot be a node either.
-    if (node < startNode || node > endNode || TalAddrOf(node) % kTalNodeAlign != 0) {
+    if (node < startNode || node > endNode) {
         TAL_LOGE("%s(%d): OS_MEM_MIDDLE_ADDR check error\n", __func__, 201);
         return 0;
     }
-    if (!TalNodeMagicOk(node)) {
+    // Only the end node may sit unaligned (see TalMemInit); any other
+    // unaligned address is no node, whatever its first word reads.
+    uintptr_t addr = TalAddrOf(node);
+    if ((!TalNodeAligned(addr) && node != endNode) || TalLoadMagic(addr) != kTalMemMagic) {
         TAL_LOGE("%s(%d): MAGIC_CHECK error\n", __func__, 202);
         return 0;
     }
@@ -132,7 +126,7 @@ int TalMemImpl::OsMemInfoGet(TalMemPoolInfo* pool, TalMemPoolStatus* status)
     TalMemPoolStatus sum{0, 0, 0, 0, 0};
     for (;;) {
         if (!TalNodeMagicOk(node) || (node != end && !StepIsSane(node, end))) {
-            LogBrokenNode(node, "\n");
+            LogBrokenNode(__func__, node, "\n");
             OsMemNodeDump(pool);
             return -2;
         }
@@ -185,9 +179,9 @@ TalMemDynNode* TalMemImpl::WalkToBreak(TalMemPoolInfo* pool, TalMemDynNode** las
         if (!TalNodeMagicOk(node)) {
             return node;
         }
-        TAL_LOGD("node_addr\t\tnode_size\t\tfree\t\t\n");
-        TAL_LOGD("0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node), static_cast<int>(TalNodeSize(node)),
-                 TalNodeIsFree(node) ? 1 : 0);
+        TAL_LOGD_AS("OsMemNodeDump", "node_addr\t\tnode_size\t\tfree\t\t\n");
+        TAL_LOGD_AS("OsMemNodeDump", "0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node),
+                    static_cast<int>(TalNodeSize(node)), TalNodeIsFree(node) ? 1 : 0);
         if (node == end) {
             return nullptr;
         }
@@ -247,15 +241,21 @@ void TalMemImpl::OsMemRecordFatalInfo(TalMemPoolInfo* info, uintptr_t fatalAddr,
         return;
     }
     info->fatalInfo.fatalAddr = fatalAddr;
-    CopyFatalName(info->fatalInfo.algoName, algoName);
-    CopyFatalName(info->fatalInfo.moduleName, moduleName);
+    if (algoName != nullptr) {
+        CopyName(info->fatalInfo.algoName, algoName, __func__);
+    }
+    if (moduleName != nullptr) {
+        CopyName(info->fatalInfo.moduleName, moduleName, __func__);
+    }
+    info->fatalInfo.algoName[kTalNameLen - 1] = '\0';
+    info->fatalInfo.moduleName[kTalNameLen - 1] = '\0';
 }
 
 void TalMemImpl::OsMemFatalLog(TalMemPoolInfo* info, TalMemDynNode* node)
 {
     TAL_LOGE("fatalAddr 0x%lx algoName %s moduleName %s \n", TalMaskAddr(info->fatalInfo.fatalAddr),
              info->fatalInfo.algoName, info->fatalInfo.moduleName);
-    LogBrokenNode(node, "\n\n");
+    LogBrokenNode(__func__, node, "\n\n");
 }
 
 int TalMemImpl::TalMemDumpInfo(uintptr_t poolAddr)

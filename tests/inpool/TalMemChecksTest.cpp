@@ -1,7 +1,5 @@
-#include "InpoolFixture.h"
+#include "InpoolChecker.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <vector>
 
 #include "talmem_properties.h"
@@ -9,54 +7,68 @@
 namespace {
 
 using namespace qv;
-using talmem_test::InpoolTest;
+using talmem_test::Fmt;
 using talmem_test::LogCapture;
-using talmem_test::MappedRegion;
 
-class TalMemChecksTest : public InpoolTest {
+// Three adjacent allocations; A, tagged, is the owner whose overrun hits B.
+class TalMemChecksTest : public talmem_test::InpoolTest {
 protected:
-    // Three fenced allocations A, B, C; A tagged as the future culprit.
-    void MakeThree()
+    void SetUp() override
     {
-        a = Alloc(8192);
-        b = Alloc(8192);
-        c = Alloc(8192);
-        ASSERT_TRUE(a && b && c);
-        ASSERT_EQ(impl.TalMemSetMcInfo(a, &recordA, "algoA", "modA"), 0);
+        InpoolTest::SetUp();
+        a = Alloc(8192), b = Alloc(8192), c = Alloc(8192);
+        ASSERT_EQ(impl.TalMemSetMcInfo(a, &record, "algoA", "modA"), 0);
+        LogCapture::Clear();
     }
-    // What a payload overrun of A's buffer into B's header looks like.
-    void OverrunAIntoB() { Trample(NodeOf(b)); }
-
-    static std::string Fmt(const char* format, ...) __attribute__((format(printf, 1, 2)))
-    {
-        char buf[256];
-        va_list args;
-        va_start(args, format);
-        vsnprintf(buf, sizeof(buf), format, args);
-        va_end(args);
-        return buf;
-    }
-
     uintptr_t a = 0, b = 0, c = 0;
-    int recordA = 0;
+    int record = 0;
 };
 
-TEST_F(TalMemChecksTest, InfoGet_FreshPoolCountsTheEndNodeAndOneMore)
+TEST_F(TalMemChecksTest, BadInput_EachAddressGetsItsMessageAndCode)
 {
-    TalMemPoolStatus status{};
-    ASSERT_EQ(impl.OsMemInfoGet(info(), &status), 0);
-    EXPECT_EQ(status.usedSize, kTalNodeHeadSize) << "because the end node counts as used";
-    EXPECT_EQ(status.freeSize, kPoolSize - kTalPoolOverhead);
-    EXPECT_EQ(status.maxFreeNodeSize, kPoolSize - kTalPoolOverhead);
-    EXPECT_EQ(status.usedNodeNum, 2u);
-    EXPECT_EQ(status.freeNodeNum, 1u);
-
-    MakeThree();
-    ASSERT_EQ(impl.OsMemInfoGet(info(), &status), 0);
-    EXPECT_EQ(status.usedNodeNum, 5u);
-    EXPECT_EQ(status.usedSize, kTalNodeHeadSize + 3 * NodeSizeFor(8192));
-
+    talmem_test::MappedRegion raw(65536);
+    ASSERT_EQ(Free(c), 0);
+    const char* kRange = "OsMemIsNodeValid(201): OS_MEM_MIDDLE_ADDR check error\n";
+    const char* kMagic = "OsMemIsNodeValid(202): MAGIC_CHECK error\n";
+    const char* kNull = "TalMemFree(141):mem free pool address NUll or node null\n\n";
+    const struct { uintptr_t pool, address; int code; const char* message; } cases[] = {
+        {0, a, -1, kNull}, {pool, 0, -1, kNull},
+        {raw.addr(), raw.addr() + 8192, -2, "TalMemFree(142):control check magic error 0x0\n\n"},
+        {pool, a + 4096, -100, kMagic}, {pool, pool + kPoolSize + 4096, -100, kRange},
+        {pool, TalAddrOf(NodeOf(b)->algoName) + 8, -100, kMagic}, // inside a header
+        {pool, b + 1, -100, kMagic},
+        {pool, c, -100, "OsMemCheckUsedNode(211): Node not in used\n"}};
+    for (const auto& k : cases) {
+        SCOPED_TRACE(std::to_string(&k - cases) + ": " + k.message);
+        LogCapture::Clear();
+        EXPECT_EQ(impl.TalMemFree(k.pool, k.address), k.code);
+        EXPECT_EQ(Errors(k.message), 1);
+    }
+    ASSERT_EQ(Free(b), 0);
+    EXPECT_EQ(impl.TalMemSetMcInfo(b, &record, "x", "y"), -100);
+    EXPECT_EQ(impl.TalMemGetMcInfo(pool, b), nullptr);
+    EXPECT_EQ(Errors("TalMemSetMcInfo(153):check free error\n"), 1);
+    EXPECT_EQ(Errors("TalMemGetMcInfo(164):check free error\n"), 1);
+    ASSERT_EQ(Free(a), 0);
     LogCapture::Clear();
+    EXPECT_EQ(Free(b), -100) << "because b merged into a and its header was wiped";
+    EXPECT_EQ(impl.TalMemSetMcInfo(b, &record, "x", "y"), -2);
+    EXPECT_EQ(Errors(kMagic), 1);
+    EXPECT_EQ(Errors("TalMemSetMcInfo(152):MAGIC_CHECK error 0x0\n\n"), 1);
+    EXPECT_EQ(impl.TalMemGetMcInfo(pool, pool + kTalNodeHeadSize), nullptr);
+    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_WARN, Fmt("TalMemGetMcInfo(162):pool addr: 0x%lx, ptr addr: 0x%lx "
+                  "invalid\n\n", TalMaskAddr(pool), TalMaskAddr(pool + kTalNodeHeadSize))), 1);
+    EXPECT_EQ(info()->fatalInfo.fatalAddr, 0u) << "because bad addresses are no corruption";
+    info()->poolCreate = 0;
+    EXPECT_EQ(impl.TalMemFree(pool, a), -100);
+    EXPECT_EQ(Errors("TalMemFree(143):poolCreate not create\n\n"), 1);
+}
+
+TEST_F(TalMemChecksTest, Status_CountsTheEndNodeAndOneMoreAndPrintsThreeLines)
+{
+    // The end node counts as used, and the used count is one more than the used nodes walked.
+    uint32_t used = kTalNodeHeadSize + 3 * NodeSizeFor(8192);
+    uint32_t free = kPoolSize - kTalPoolOverhead - used + kTalNodeHeadSize;
     EXPECT_EQ(impl.TalMemDumpInfo(pool), 0);
     auto lines = LogCapture::Lines();
     ASSERT_EQ(lines.size(), 3u);
@@ -64,280 +76,166 @@ TEST_F(TalMemChecksTest, InfoGet_FreshPoolCountsTheEndNodeAndOneMore)
                                 "used node num   free node num\n\n");
     EXPECT_EQ(lines[1].message, "---------    --------     -------       --------     --------------      "
                                 "-------------   ------------\n\n");
-    EXPECT_EQ(lines[2].message,
-              Fmt("0x%-8lx   0x%-8x   0x%-8x    0x%-8x   0x%-16x   0x%-13x    0x%-13x\n",
-                  TalMaskAddr(pool), kPoolSize, status.usedSize, status.freeSize,
-                  status.maxFreeNodeSize, 5u, 1u));
+    EXPECT_EQ(lines[2].message, Fmt("0x%-8lx   0x%-8x   0x%-8x    0x%-8x   0x%-16x   0x%-13x    0x%-13x\n",
+                                    TalMaskAddr(pool), kPoolSize, used, free, free, 5u, 1u));
     EXPECT_EQ(lines[2].priority, ANDROID_LOG_INFO);
 }
 
-TEST_F(TalMemChecksTest, InfoGet_RefusesForeignPoolsNullStatusAndBrokenEndNode)
+TEST_F(TalMemChecksTest, CheckUsedNode_NeighboursMustAgreeExceptBeforeTheFirstNode)
 {
-    TalMemPoolStatus status{};
-    MappedRegion raw(65536);
-    EXPECT_EQ(impl.OsMemInfoGet(raw.info(), &status), -1);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, Fmt("wrong mem pool addr:0x%lx, line:221\n", TalMaskAddr(raw.addr()))));
-    EXPECT_EQ(impl.TalMemDumpInfo(raw.addr()), -1);
-    EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "TalMemInfoGet fail\n"));
-    EXPECT_EQ(impl.TalMemDumpInfo(0), -1);
-    EXPECT_EQ(impl.OsMemInfoGet(info(), nullptr), -1);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "can't use NULL addr to save info\n\n"));
-
-    Trample(TalEndNode(info()));
-    LogCapture::Clear();
-    EXPECT_EQ(impl.OsMemInfoGet(info(), &status), -2);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, Fmt("wrong mem pool addr: 0x%lx, line:222\n\n", TalMaskAddr(pool))));
-}
-
-TEST_F(TalMemChecksTest, CheckUsedNode_FirstNodeNeedsNoPredecessorButOthersMustAgree)
-{
-    MakeThree();
-    TalMemDynNode* first = NodeOf(a);
-    ASSERT_EQ(first, TalFirstNode(info()));
+    TalMemDynNode *first = NodeOf(a), *nodeB = NodeOf(b), *nodeC = NodeOf(c), *end = TalEndNode(info());
     first->prevNode = TalNodeAt(pool + 64);
     EXPECT_EQ(impl.OsMemCheckUsedNode(info(), first), 0) << "because the first node's prevNode is not read";
-
-    TalMemDynNode* nodeB = NodeOf(b);
-    TalMemDynNode* nodeC = NodeOf(c);
     nodeC->prevNode = first;
     EXPECT_EQ(impl.OsMemCheckUsedNode(info(), nodeB), -100);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                       Fmt("OsMemCheckUsedNode(212): other error  node 0x%lx nextNode->prevNode 0x%lx\n",
-                           TalMaskAddr(nodeB), TalMaskAddr(first))));
+    EXPECT_EQ(Errors(Fmt("OsMemCheckUsedNode(212): other error  node 0x%lx nextNode->prevNode 0x%lx\n",
+                         TalMaskAddr(nodeB), TalMaskAddr(first))), 1);
     nodeC->prevNode = nodeB;
-
     nodeB->prevNode = nodeC;
     EXPECT_EQ(impl.OsMemCheckUsedNode(info(), nodeB), -100);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                       Fmt("OsMemCheckUsedNode(213): other error  node 0x%lx prevNode->nextnode 0x%lx\n",
-                           TalMaskAddr(nodeB), TalMaskAddr(TalNextNode(nodeC)))));
-    nodeB->prevNode = first;
-    EXPECT_EQ(impl.OsMemCheckUsedNode(info(), nodeB), 0);
-}
-
-TEST_F(TalMemChecksTest, IsNodeValid_ChecksRangeMagicAndTheLinkOfEachState)
-{
-    MakeThree();
-    TalMemDynNode* first = TalFirstNode(info());
-    TalMemDynNode* end = TalEndNode(info());
-    uintptr_t lo = pool;
-    uintptr_t hi = pool + kPoolSize;
-    TalMemDynNode* tail = TalNextNode(NodeOf(c));
-    ASSERT_TRUE(TalNodeIsFree(tail));
-    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(tail, first, end, lo, hi), 1);
-    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(end, first, end, lo, hi), 1) << "because the end is inclusive";
-    TalDlList* saved = tail->listNode.prevLink;
+    EXPECT_EQ(Errors(Fmt("OsMemCheckUsedNode(213): other error  node 0x%lx prevNode->nextnode 0x%lx\n",
+                         TalMaskAddr(nodeB), TalMaskAddr(TalNextNode(nodeC)))), 1);
+    uintptr_t lo = pool, hi = pool + kPoolSize;
+    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(end, first, end, lo, hi), 1) << "because the end node is in range";
+    TalMemDynNode* tail = TalNextNode(nodeC);
     tail->listNode.prevLink = reinterpret_cast<TalDlList*>(hi);
-    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(tail, first, end, lo, hi), 0)
-        << "because the pool end is exclusive";
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "OsMemIsNodeValid(203): OS_MEM_MIDDLE_ADDR_OPEN_END check error\n"));
-    tail->listNode.prevLink = saved;
-
-    NodeOf(b)->listNode.prevLink = nullptr;
-    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(NodeOf(b), first, end, lo, hi), 0);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "OsMemIsNodeValid(204): MAGIC_CHECK error\n"))
-        << "because a used node without its used mark is refused";
-    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(TalNodeAt(TalAddrOf(end) + kTalNodeHeadSize), first, end, lo, hi), 0);
+    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(tail, first, end, lo, hi), 0) << "because the pool end is open";
+    nodeB->listNode.prevLink = nullptr;
+    EXPECT_EQ(TalMemImpl::OsMemIsNodeValid(nodeB, first, end, lo, hi), 0) << "because the used mark is gone";
+    EXPECT_EQ(Errors("OsMemIsNodeValid(203): OS_MEM_MIDDLE_ADDR_OPEN_END check error\n"), 1);
+    EXPECT_EQ(Errors("OsMemIsNodeValid(204): MAGIC_CHECK error\n"), 1);
 }
 
-TEST_F(TalMemChecksTest, Overrun_FreeFailsRecordsTheCulpritOnceAndThePoolKeepsAnswering)
+TEST_F(TalMemChecksTest, Overrun_FreeFailsTheFirstCorruptionIsRecordedOnceAndThePoolKeepsAnswering)
 {
-    MakeThree();
-    OverrunAIntoB();
+    std::vector<char> saved(reinterpret_cast<char*>(NodeOf(b)), reinterpret_cast<char*>(NodeOf(b)) + 64);
+    Trample(NodeOf(b));
     EXPECT_EQ(Free(b), -100);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "OsMemIsNodeValid(202): MAGIC_CHECK error\n"));
     EXPECT_EQ(info()->fatalInfo.fatalAddr, a) << "because A's buffer precedes the broken header";
-    EXPECT_STREQ(info()->fatalInfo.algoName, "algoA");
-    EXPECT_STREQ(info()->fatalInfo.moduleName, "modA");
-    std::string fatalLine = Fmt("fatalAddr 0x%lx algoName algoA moduleName modA \n", TalMaskAddr(a));
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_ERROR, fatalLine), 1);
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_ERROR,
-                                Fmt("magicWord error 0x5a5a5a5a node 0x%lx pAddr 0x%lx nodeSize %d\n\n",
-                                    TalMaskAddr(NodeOf(b)), TalMaskAddr(b),
-                                    static_cast<int>(TalNodeSize(NodeOf(b))))),
-              1);
-    // The dump lists the nodes up to the broken one: A only.
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "node_addr\t\tnode_size\t\tfree\t\t\n"), 1);
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG,
-                                Fmt("0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(NodeOf(a)),
-                                    static_cast<int>(NodeSizeFor(8192)), 0)),
-              1);
-
+    std::string fatal = Fmt("fatalAddr 0x%lx algoName algoA moduleName modA \n", TalMaskAddr(a));
+    EXPECT_EQ(Errors(fatal), 1);
+    EXPECT_EQ(Errors(Fmt("magicWord error 0x5a5a5a5a node 0x%lx pAddr 0x%lx nodeSize %d\n\n",
+                         TalMaskAddr(NodeOf(b)), TalMaskAddr(b), static_cast<int>(TalNodeSize(NodeOf(b))))), 1);
+    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, Fmt("0x%lx\t\t%8d\t\t0\t\t\n", TalMaskAddr(NodeOf(a)),
+                                                       static_cast<int>(NodeSizeFor(8192)))), 1);
+    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "node_addr\t\tnode_size\t\tfree\t\t\n"), 1)
+        << "because the dump stops at the broken node";
     EXPECT_EQ(Free(a), -100) << "because A's successor is broken";
-    EXPECT_EQ(Free(c), -100) << "because C's predecessor is broken";
-    uintptr_t d = Alloc(8192);
-    EXPECT_NE(d, 0u) << "because the free lists are intact";
-    EXPECT_EQ(Free(d), 0);
+    EXPECT_EQ(Free(Alloc(8192)), 0) << "because the free lists are intact";
     EXPECT_EQ(impl.TalMemGetUsedNum(pool), 3);
 
-    LogCapture::Clear();
-    impl.TalMemCheckFatalAddr(pool);
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_ERROR,
-                                Fmt("TalMemCheckFatalAddr fatalAddr 0x%lx algoName algoA moduleName modA \n",
-                                    TalMaskAddr(a))),
-              1);
-}
-
-TEST_F(TalMemChecksTest, Overrun_ASecondCorruptionKeepsTheFirstRecord)
-{
-    MakeThree();
-    std::vector<char> saved(reinterpret_cast<char*>(NodeOf(b)),
-                            reinterpret_cast<char*>(NodeOf(b)) + kTalNodeHeadSize);
-    OverrunAIntoB();
-    EXPECT_EQ(Free(b), -100);
-    memcpy(NodeOf(b), saved.data(), saved.size()); // B repaired
-
-    int recordB = 0;
-    ASSERT_EQ(impl.TalMemSetMcInfo(b, &recordB, "algoB", "modB"), 0);
+    memcpy(NodeOf(b), saved.data(), saved.size());
+    ASSERT_EQ(impl.TalMemSetMcInfo(b, &record, "algoB", "modB"), 0);
     Trample(NodeOf(c));
     LogCapture::Clear();
     EXPECT_EQ(Free(c), -100);
-    EXPECT_EQ(info()->fatalInfo.fatalAddr, a);
-    EXPECT_STREQ(info()->fatalInfo.algoName, "algoA") << "because only the first corruption is kept";
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, Fmt("fatalAddr 0x%lx algoName algoA moduleName modA \n", TalMaskAddr(a))));
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "node_addr\t\tnode_size\t\tfree\t\t\n"), 2)
-        << "because the walk now passes A and B before C";
-}
-
-TEST_F(TalMemChecksTest, NodeDump_BrokenFirstNodeRecordsNoAddressAndBrokenRecordStops)
-{
-    MakeThree();
-    EXPECT_EQ(impl.OsMemNodeDump(nullptr), -1);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "OsMemNodeDump(231):wrong mem pool addr: 0x0\n\n"));
-    EXPECT_EQ(impl.OsMemNodeDump(info()), 0) << "because a healthy pool dumps without complaint";
-    EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "node_addr\t\tnode_size\t\tfree\t\t\n"), 5);
-
-    Trample(TalFirstNode(info()));
-    LogCapture::Clear();
-    EXPECT_EQ(impl.OsMemNodeDump(info()), -2);
-    EXPECT_EQ(info()->fatalInfo.fatalAddr, 0u);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "fatalAddr 0x0 algoName  moduleName  \n"));
-
+    EXPECT_EQ(Errors(fatal), 1) << "because a second corruption keeps the first record";
     impl.TalMemCheckFatalAddr(pool);
-    EXPECT_EQ(LogCapture::CountContaining("TalMemCheckFatalAddr fatalAddr"), 0)
-        << "because nothing was recorded";
-    info()->fatalInfo.magic = 0x1234;
-    LogCapture::Clear();
-    EXPECT_EQ(impl.OsMemNodeDump(info()), -2);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "OsMemNodeDump(232):control check magic error 0x1234\n\n"));
-    impl.TalMemCheckFatalAddr(pool);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "TalMemCheckFatalAddr(251):control MAGIC_CHECK error 0x1234\n\n"));
-}
+    EXPECT_EQ(Errors("TalMemCheckFatalAddr " + fatal), 1);
 
-TEST_F(TalMemChecksTest, NodeDump_ASizeLeadingOutOfThePoolIsACorruptionNotACrash)
-{
-    MakeThree();
-    NodeOf(b)->nodeSize = 0x80000000u | 0x7FFFFFF0u;
+    Trample(TalEndNode(info()), kTalNodeHeadSize);
+    LogCapture::Clear();
     TalMemPoolStatus status{};
     EXPECT_EQ(impl.OsMemInfoGet(info(), &status), -2);
-    EXPECT_EQ(info()->fatalInfo.fatalAddr, a);
-    EXPECT_EQ(Free(c), -100);
+    EXPECT_EQ(impl.TalMemGetUsedNum(pool), 0);
+    EXPECT_EQ(impl.TalMemGetMaxFreeSize(pool), 0u);
+    EXPECT_EQ(Errors(Fmt("wrong mem pool addr: 0x%lx, line:222\n\n", TalMaskAddr(pool))), 1);
+    EXPECT_EQ(Errors("TalMemGetUsedNum(171): MAGIC_CHECK error\n"), 1);
+    EXPECT_EQ(Errors("TalMemGetMaxFreeSize(181): MAGIC_CHECK error\n"), 1);
+}
+
+TEST_F(TalMemChecksTest, NodeDump_BrokenFirstNodeRecordsNothingAndABrokenRecordStopsTheDump)
+{
+    EXPECT_EQ(impl.OsMemNodeDump(nullptr), -1);
+    Trample(TalFirstNode(info()));
+    EXPECT_EQ(impl.OsMemNodeDump(info()), -2);
+    impl.TalMemCheckFatalAddr(pool);
+    EXPECT_EQ(LogCapture::CountContaining("TalMemCheckFatalAddr fatalAddr"), 0) << "because nothing was recorded";
+    info()->fatalInfo.magic = 0x1234;
+    EXPECT_EQ(impl.OsMemNodeDump(info()), -2);
+    impl.TalMemCheckFatalAddr(pool);
+    for (const char* line : {"OsMemNodeDump(231):wrong mem pool addr: 0x0\n\n",
+                             "fatalAddr 0x0 algoName  moduleName  \n",
+                             "OsMemNodeDump(232):control check magic error 0x1234\n\n",
+                             "TalMemCheckFatalAddr(251):control MAGIC_CHECK error 0x1234\n\n"}) {
+        EXPECT_EQ(Errors(line), 1) << line;
+    }
 }
 
 using TalMemChecksDeathTest = TalMemChecksTest;
 
-TEST_F(TalMemChecksDeathTest, Overrun_AbortsWhenFatalExitIsSet)
+TEST_F(TalMemChecksDeathTest, Overrun_AbortsTheProcessWhenFatalExitIsSet)
 {
     TalHostSetProperty("persist.vendor.talMemfatal.exit", "1");
     ASSERT_EQ(impl.TalMemImplInit(), 0);
-    MakeThree();
-    OverrunAIntoB();
+    Trample(NodeOf(b));
     EXPECT_DEATH(Free(b), "") << "because a confirmed corruption ends the process";
 }
 
-// The straightforward refresh: for each head, walk every list from it to
-// the last; a broken node logs, dumps and yields 0 for that head.
+// The straightforward refresh: for each head, walk every list from it to the
+// last; a broken node logs, dumps and yields 0 for that head.
 uint32_t ReferenceMaxFree(TalMemImpl& impl, TalMemPoolInfo* pool)
 {
     uint32_t best = 0;
     for (uint32_t h = 0; h < kTalMultiHeadNum; ++h) {
         uint32_t result = 0;
-        for (uint32_t i = h; i < kTalMultiHeadNum; ++i) {
+        for (uint32_t i = h; i < kTalMultiHeadNum && result != UINT32_MAX; ++i) {
             TalDlList* head = &pool->multiHead[i];
-            bool broken = false;
             for (TalDlList* link = head->nextLink; link != head; link = link->nextLink) {
-                TalMemDynNode* node = TalNodeOfLink(link);
-                if (node->magic != kTalMemMagic) {
+                if (TalNodeOfLink(link)->magic != kTalMemMagic) {
                     TAL_LOGE("%s(%d): MAGIC_CHECK error\n", "OsMemGetMaxFreeNodeSize", 301);
                     impl.OsMemNodeDump(pool);
-                    broken = true;
+                    result = UINT32_MAX;
                     break;
                 }
-                result = node->nodeSize > result ? node->nodeSize : result;
-            }
-            if (broken) {
-                result = 0;
-                break;
+                result = std::max(result, TalNodeOfLink(link)->nodeSize);
             }
         }
-        best = result > best ? result : best;
+        best = std::max(best, result == UINT32_MAX ? 0 : result);
     }
     return best;
 }
 
-std::vector<std::string> Messages()
-{
-    std::vector<std::string> out;
-    for (const auto& line : LogCapture::Lines()) {
-        out.push_back(std::to_string(line.priority) + " " + line.message);
-    }
-    return out;
-}
-
 TEST_F(TalMemChecksTest, MaxFreeRefresh_MatchesThePerHeadWalkOnHealthyAndBrokenLists)
 {
-    // Free nodes in many classes: fenced allocations of doubling sizes, then freed.
-    std::vector<uintptr_t> freed;
-    uintptr_t guard = 0;
+    std::vector<TalMemDynNode*> nodes; // free nodes of doubling sizes, each fenced by a used one
     for (uint32_t size = 4096; size <= (8u << 20); size *= 2) {
-        freed.push_back(Alloc(size));
-        guard = Alloc(4096);
-        ASSERT_TRUE(freed.back() && guard);
+        nodes.push_back(NodeOf(Alloc(size)));
+        c = Alloc(4096);
     }
-    std::vector<TalMemDynNode*> nodes;
-    for (uintptr_t x : freed) {
-        nodes.push_back(NodeOf(x));
-        ASSERT_EQ(Free(x), 0);
+    for (TalMemDynNode* node : nodes) {
+        ASSERT_EQ(Free(TalNodeHandedOut(node)), 0);
     }
-    EXPECT_POOL_SOUND(pool);
-    TalMemDynNode* tail = TalNextNode(NodeOf(guard));
-
-    auto compare = [&](const char* label) {
+    TalMemDynNode* tail = TalNextNode(NodeOf(c));
+    auto messages = [] {
+        std::string out;
+        for (const auto& line : LogCapture::Lines()) {
+            out += std::to_string(line.priority) + " " + line.message;
+        }
+        return out;
+    };
+    auto compare = [&](const char* label, uint32_t expectMax, TalMemDynNode* topBroken) {
         SCOPED_TRACE(label);
-        impl.OsMemNodeDump(info()); // records a corruption before both runs
+        impl.OsMemNodeDump(info()); // records the corruption before both runs
         LogCapture::Clear();
         impl.OsMemMaxFreeNodeSizeUpdate(info());
-        uint32_t fast = info()->maxFreeNodeSize;
-        auto fastLines = Messages();
+        auto fastLines = messages();
         LogCapture::Clear();
-        uint32_t slow = ReferenceMaxFree(impl, info());
-        EXPECT_EQ(fast, slow);
-        EXPECT_EQ(fastLines, Messages());
-        return std::make_pair(fast, LogCapture::Count(ANDROID_LOG_ERROR,
-                                                      "OsMemGetMaxFreeNodeSize(301): MAGIC_CHECK error\n"));
+        EXPECT_EQ(ReferenceMaxFree(impl, info()), expectMax);
+        EXPECT_EQ(info()->maxFreeNodeSize, expectMax);
+        EXPECT_EQ(fastLines, messages());
+        uint32_t heads = topBroken ? TalDLinkMultiHead::HeadIndex(TalNodeSize(topBroken)) + 1 : 0;
+        EXPECT_EQ(Errors("OsMemGetMaxFreeNodeSize(301): MAGIC_CHECK error\n"), static_cast<int>(heads));
     };
-    uint32_t tailClass = TalDLinkMultiHead::HeadIndex(TalNodeSize(tail));
-    EXPECT_EQ(compare("healthy"), std::make_pair(TalNodeSize(tail), 0));
-
-    TalMemDynNode* mid = nodes[4];
-    uint32_t midClass = TalDLinkMultiHead::HeadIndex(TalNodeSize(mid));
-    mid->magic = 0xDEAD;
-    EXPECT_EQ(compare("one broken in a middle class"),
-              std::make_pair(TalNodeSize(tail), static_cast<int>(midClass) + 1));
-
-    nodes[1]->magic = 0xBEEF;
-    tail->magic = 0xF00D;
-    EXPECT_EQ(compare("broken in three classes, the top one included"),
-              std::make_pair(0u, static_cast<int>(tailClass) + 1));
-
-    mid->magic = kTalMemMagic;
-    nodes[1]->magic = kTalMemMagic;
-    tail->magic = kTalMemMagic;
+    compare("healthy", TalNodeSize(tail), nullptr);
+    sound = false;
+    nodes[4]->magic = 0xDEAD;
+    compare("one broken in a middle class", TalNodeSize(tail), nodes[4]);
+    nodes[1]->magic = tail->magic = 0xBEEF;
+    compare("broken in three classes, the top one included", 0, tail);
+    nodes[1]->magic = nodes[4]->magic = tail->magic = kTalMemMagic;
     nodes.back()->magic = 0xAB;
-    uint32_t topFreedClass = TalDLinkMultiHead::HeadIndex(TalNodeSize(nodes.back()));
-    ASSERT_LT(topFreedClass, tailClass);
-    EXPECT_EQ(compare("the second largest broken"),
-              std::make_pair(TalNodeSize(tail), static_cast<int>(topFreedClass) + 1));
+    compare("the second largest broken", TalNodeSize(tail), nodes.back());
 }
 
 } // namespace
