@@ -191,16 +191,14 @@ struct TalMemChunk::CacheOp {
     const char* method;
     int32_t (QvCamera::ICameraBuffer::*whole)();
     int32_t (QvCamera::ICameraBuffer::*range)(uint32_t length, uint32_t offset);
-    const char* invalidSizeFmt;
-    const char* outOfRangeFmt;
+    bool invalidate; // its out-of-range message lacks the blank before the size
 };
 
 int32_t TalMemChunk::FlushCacheLocal(uintptr_t vaddr, uint32_t size)
 {
     static const CacheOp kFlush = {
         "FlushCacheLocal", &QvCamera::ICameraBuffer::FlushCache,
-        &QvCamera::ICameraBuffer::FlushCacheRange, "%s: invalid size %d memSize %zu \n",
-        "%s: out of range cacheOffset %d cacheSize %d memSize %zu \n"};
+        &QvCamera::ICameraBuffer::FlushCacheRange, false};
     return CacheLocal(vaddr, size, kFlush);
 }
 
@@ -208,8 +206,7 @@ int32_t TalMemChunk::InvalidateCacheLocal(uintptr_t vaddr, uint32_t size)
 {
     static const CacheOp kInvalidate = {
         "InvalidateCacheLocal", &QvCamera::ICameraBuffer::InvalidateCache,
-        &QvCamera::ICameraBuffer::InvalidateCacheRange, "%s: invalid size %d memSize %zu \n",
-        "%s: out of range cacheOffset %d cacheSize%d memSize %zu \n"};
+        &QvCamera::ICameraBuffer::InvalidateCacheRange, true};
     return CacheLocal(vaddr, size, kInvalidate);
 }
 
@@ -220,14 +217,22 @@ int32_t TalMemChunk::CacheLocal(uintptr_t vaddr, uint32_t size, const CacheOp& o
     }
     // Rejections are reported under the public method's name.
     if (size > info.size) {
-        TAL_LOGE_FOR(op.method, op.invalidSizeFmt, op.method, static_cast<int>(size),
-                     static_cast<size_t>(info.size));
+        TAL_LOGE_FOR(op.method, "%s: invalid size %d memSize %zu \n", op.method,
+                     static_cast<int>(size), static_cast<size_t>(info.size));
         return -1;
     }
     CacheSpan span = CacheSpanOf(vaddr, size);
     if (!span.fits) {
-        TAL_LOGE_FOR(op.method, op.outOfRangeFmt, op.method, static_cast<int>(span.start),
-                     static_cast<int>(span.len), static_cast<size_t>(info.size));
+        int start = static_cast<int>(span.start);
+        int len = static_cast<int>(span.len);
+        size_t memSize = info.size;
+        if (op.invalidate) {
+            TAL_LOGE_FOR(op.method, "%s: out of range cacheOffset %d cacheSize%d memSize %zu \n",
+                         op.method, start, len, memSize);
+        } else {
+            TAL_LOGE_FOR(op.method, "%s: out of range cacheOffset %d cacheSize %d memSize %zu \n",
+                         op.method, start, len, memSize);
+        }
         return -1;
     }
     QvCamera::ICameraBuffer& buffer = *info.buffer;

@@ -40,24 +40,20 @@ constexpr const char* kTalLogTag = "ZoEIS";
 } // namespace qv
 
 // One macro family for the whole library: "[LEVEL  ] file:line func() message".
-#define TAL_LOG_AT(prio, label, fmt, ...)                                                   \
+// The _FOR forms name another function in the prefix: shared helpers use them
+// to report on behalf of the public method that called them.
+#define TAL_LOG_FUNC_AT(func, prio, label, fmt, ...)                                        \
     __android_log_print((prio), ::qv::kTalLogTag, "[" label "] %s:%d %s() " fmt,            \
-                        ::qv::TalFileBase(__FILE__), __LINE__, __func__, ##__VA_ARGS__)
+                        ::qv::TalFileBase(__FILE__), __LINE__, (func), ##__VA_ARGS__)
 
-#define TAL_LOGE(fmt, ...) TAL_LOG_AT(ANDROID_LOG_ERROR, "ERROR  ", fmt, ##__VA_ARGS__)
-#define TAL_LOGW(fmt, ...) TAL_LOG_AT(ANDROID_LOG_WARN, "WARN   ", fmt, ##__VA_ARGS__)
-#define TAL_LOGI(fmt, ...) TAL_LOG_AT(ANDROID_LOG_INFO, "INFO   ", fmt, ##__VA_ARGS__)
-#define TAL_LOGD(fmt, ...) TAL_LOG_AT(ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
+#define TAL_LOGE_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_ERROR, "ERROR  ", fmt, ##__VA_ARGS__)
+#define TAL_LOGW_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_WARN, "WARN   ", fmt, ##__VA_ARGS__)
+#define TAL_LOGI_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_INFO, "INFO   ", fmt, ##__VA_ARGS__)
 
-namespace qv {
-// Logs with the usual prefix but a function name chosen by the caller, for
-// shared helpers that report on behalf of the public method that called them.
-void TalLogForFunc(int prio, const char* label, const char* file, int line, const char* func,
-                   const char* fmt, ...);
-} // namespace qv
-
-#define TAL_LOGE_FOR(func, fmt, ...) \
-    ::qv::TalLogForFunc(ANDROID_LOG_ERROR, "ERROR  ", __FILE__, __LINE__, (func), fmt, ##__VA_ARGS__)
+#define TAL_LOGE(fmt, ...) TAL_LOGE_FOR(__func__, fmt, ##__VA_ARGS__)
+#define TAL_LOGW(fmt, ...) TAL_LOGW_FOR(__func__, fmt, ##__VA_ARGS__)
+#define TAL_LOGI(fmt, ...) TAL_LOGI_FOR(__func__, fmt, ##__VA_ARGS__)
+#define TAL_LOGD(fmt, ...) TAL_LOG_FUNC_AT(__func__, ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
 
 // A few messages of the system are logged without the usual prefix.
 #define TAL_LOGE_RAW(fmt, ...) \

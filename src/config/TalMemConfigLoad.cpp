@@ -37,12 +37,6 @@ int ParseDecimal(const char* text)
     return value < INT_MIN ? INT_MIN : static_cast<int>(value);
 }
 
-// The optional limits are read by one helper for LoadVariableElement and
-// LoadMultiPoolSize; its lines carry the caller's name, as the caller's own would.
-#define TAL_LOG_FOR(func, prio, label, fmt, ...)                                       \
-    __android_log_print((prio), kTalLogTag, "[" label "] %s:%d %s() " fmt,             \
-                        TalFileBase(__FILE__), __LINE__, (func), ##__VA_ARGS__)
-
 } // namespace
 
 struct TalMemConfig::LimitRule {
@@ -192,20 +186,19 @@ int TalMemConfig::LoadOptionalLimit(const char* func, const XMLElement*& element
                                     const LimitRule& limit, int32_t& out)
 {
     if (CheckElementName(element, limit.element) != 0) {
-        TAL_LOG_FOR(func, ANDROID_LOG_WARN, "WARN   ", "%s %s is missing!\n", func, limit.element);
+        TAL_LOGW_FOR(func, "%s %s is missing!\n", func, limit.element);
         return 0;
     }
     // An empty element has no text at all: refused like an over-long one.
     const char* text = element->GetText();
     if (text == nullptr || strlen(text) > limit.maxLen) {
-        TAL_LOG_FOR(func, ANDROID_LOG_ERROR, "ERROR  ", "%s check %s fail!\n", func, limit.element);
+        TAL_LOGE_FOR(func, "%s check %s fail!\n", func, limit.element);
         return -1;
     }
     out = ParseDecimal(text);
-    TAL_LOG_FOR(func, ANDROID_LOG_INFO, "INFO   ", " %s  %s %d\n", limit.element, text, out);
+    TAL_LOGI_FOR(func, " %s  %s %d\n", limit.element, text, out);
     if (out < limit.min || out > limit.max) {
-        TAL_LOG_FOR(func, ANDROID_LOG_ERROR, "ERROR  ", "%s %s:%d exceeds limit, set default!\n",
-                    func, limit.field, out);
+        TAL_LOGE_FOR(func, "%s %s:%d exceeds limit, set default!\n", func, limit.field, out);
         out = limit.def;
     }
     element = element->NextSiblingElement();
