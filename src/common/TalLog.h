@@ -49,11 +49,12 @@ constexpr const char* kTalLogTag = "ZoEIS";
 #define TAL_LOGE_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_ERROR, "ERROR  ", fmt, ##__VA_ARGS__)
 #define TAL_LOGW_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_WARN, "WARN   ", fmt, ##__VA_ARGS__)
 #define TAL_LOGI_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_INFO, "INFO   ", fmt, ##__VA_ARGS__)
+#define TAL_LOGD_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
 
 #define TAL_LOGE(fmt, ...) TAL_LOGE_FOR(__func__, fmt, ##__VA_ARGS__)
 #define TAL_LOGW(fmt, ...) TAL_LOGW_FOR(__func__, fmt, ##__VA_ARGS__)
 #define TAL_LOGI(fmt, ...) TAL_LOGI_FOR(__func__, fmt, ##__VA_ARGS__)
-#define TAL_LOGD(fmt, ...) TAL_LOG_FUNC_AT(__func__, ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
+#define TAL_LOGD(fmt, ...) TAL_LOGD_FOR(__func__, fmt, ##__VA_ARGS__)
 
 // A few messages of the system are logged without the usual prefix.
 #define TAL_LOGE_RAW(fmt, ...) \

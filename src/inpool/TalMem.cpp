@@ -3,7 +3,7 @@
 #include <new>
 
 #include "inpool/TalMemImpl.h"
-#include "inpool/TalMemLog.h"
+#include "common/TalLog.h"
 
 // Site numbers of "%s(%d)" in this file are 4xx.
 
@@ -32,11 +32,11 @@ int TalMem::TalMemInit()
 TalMem::Gate TalMem::Check(const char* func, int site, bool argsOk) const
 {
     if (mMemImpl == nullptr) {
-        TAL_LOGE_AS(func, "QvCamMem %s memImpl invalid\n", func);
+        TAL_LOGE_FOR(func, "QvCamMem %s memImpl invalid\n", func);
         return Gate::kNoObject;
     }
     if (!argsOk) {
-        TAL_LOGE_AS(func, "%s(%d): poolAddr input error\n", func, site);
+        TAL_LOGE_FOR(func, "%s(%d): poolAddr input error\n", func, site);
         return Gate::kBadArgument;
     }
     return Gate::kPass;
@@ -56,10 +56,10 @@ int TalMem::ForwardCode(const char* func, int site, bool argsOk, const uintptr_t
     }
     int ret = gate == Gate::kPass ? call() : -1;
     if (ret != 0 && address == nullptr) {
-        TAL_LOGE_AS(func, "QvCamMem %s ErrorCode:%d\n", func, ret);
+        TAL_LOGE_FOR(func, "QvCamMem %s ErrorCode:%d\n", func, ret);
     } else if (ret != 0) {
         // The address is printed in decimal behind "0x", as the log readers expect.
-        TAL_LOGE_AS(func, "QvCamMem %s ErrorCode:%d addr 0x%u\n", func, ret,
+        TAL_LOGE_FOR(func, "QvCamMem %s ErrorCode:%d addr 0x%u\n", func, ret,
                     static_cast<unsigned int>(TalMaskAddr(*address)));
     }
     return ret;

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "inpool/TalList.h"
-#include "inpool/TalMemLog.h"
+#include "common/TalLog.h"
 #include "securec.h"
 #include "talmem_properties.h"
 
@@ -39,7 +39,7 @@ TalDlList* HeadOf(TalMemPoolInfo* pool, uint32_t size)
 void TalMemImpl::CopyName(char (&dest)[kTalNameLen], const char* src, const char* func)
 {
     if (strncpy_s(dest, kTalNameLen, src, kTalNameLen - 1) != 0) {
-        TAL_LOGE_AS(func, "%s:strncpy_s data failed\n", func);
+        TAL_LOGE_FOR(func, "%s:strncpy_s data failed\n", func);
     }
     dest[kTalNameLen - 1] = '\0';
 }
@@ -146,11 +146,11 @@ void TalMemImpl::WriteEndNode(TalMemPoolInfo* pool, TalMemDynNode* first)
 int TalMemImpl::CheckPoolHeader(const TalMemPoolInfo* pool, const char* func, int site)
 {
     if (pool->magic != kTalMemMagic) {
-        TAL_LOGE_AS(func, "%s(%d):control check magic error 0x%x\n\n", func, site, pool->magic);
+        TAL_LOGE_FOR(func, "%s(%d):control check magic error 0x%x\n\n", func, site, pool->magic);
         return -2;
     }
     if (pool->poolCreate == 0) {
-        TAL_LOGE_AS(func, "%s(%d):poolCreate not create\n\n", func, site + 1);
+        TAL_LOGE_FOR(func, "%s(%d):poolCreate not create\n\n", func, site + 1);
         return -100;
     }
     return 0;
@@ -400,7 +400,7 @@ bool TalMemImpl::PoolAndEndNodeOk(TalMemPoolInfo* pool, const char* func, int si
             return true;
         }
     }
-    TAL_LOGE_AS(func, "%s(%d): MAGIC_CHECK error\n", func, site);
+    TAL_LOGE_FOR(func, "%s(%d): MAGIC_CHECK error\n", func, site);
     OsMemNodeDump(pool);
     return false;
 }

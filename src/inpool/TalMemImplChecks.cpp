@@ -7,7 +7,7 @@
 
 #include <cstdlib>
 
-#include "inpool/TalMemLog.h"
+#include "common/TalLog.h"
 #include "securec.h"
 
 namespace qv {
@@ -28,7 +28,7 @@ bool StepIsSane(const TalMemDynNode* node, const TalMemDynNode* end)
 
 void LogBrokenNode(const char* op, const TalMemDynNode* node, const char* tail)
 {
-    TAL_LOGE_AS(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", node->magic,
+    TAL_LOGE_FOR(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", node->magic,
              TalMaskAddr(node), TalMaskAddr(TalNodeHandedOut(node)),
              static_cast<int>(TalNodeSize(node)), tail);
 }
@@ -179,8 +179,8 @@ TalMemDynNode* TalMemImpl::WalkToBreak(TalMemPoolInfo* pool, TalMemDynNode** las
         if (!TalNodeMagicOk(node)) {
             return node;
         }
-        TAL_LOGD_AS("OsMemNodeDump", "node_addr\t\tnode_size\t\tfree\t\t\n");
-        TAL_LOGD_AS("OsMemNodeDump", "0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node),
+        TAL_LOGD_FOR("OsMemNodeDump", "node_addr\t\tnode_size\t\tfree\t\t\n");
+        TAL_LOGD_FOR("OsMemNodeDump", "0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node),
                     static_cast<int>(TalNodeSize(node)), TalNodeIsFree(node) ? 1 : 0);
         if (node == end) {
             return nullptr;

@@ -5,7 +5,7 @@
 
 #include "inpool/TalMemImpl.h"
 
-#include "inpool/TalMemLog.h"
+#include "common/TalLog.h"
 #include "inpool/TalList.h"
 
 namespace qv {
@@ -71,7 +71,7 @@ void TalMemImpl::OsMemMaxFreeNodeSizeUpdate(TalMemPoolInfo* pool)
         best = scan.maxSize[i] > best ? scan.maxSize[i] : best;
     }
     for (int h = 0; h <= lastBroken; ++h) {
-        TAL_LOGE_AS(kMaxFreeScanName, "%s(%d): MAGIC_CHECK error\n", kMaxFreeScanName, 301);
+        TAL_LOGE_FOR(kMaxFreeScanName, "%s(%d): MAGIC_CHECK error\n", kMaxFreeScanName, 301);
         OsMemNodeDump(pool);
     }
     pool->maxFreeNodeSize = best;
