@@ -97,6 +97,7 @@ void CheckSharedMemory(const qva_ibuf* ibuf)
     EXPECT_EQ(cpu[size - 1], 0xA5);
     EXPECT_EQ(munmap(view, size), 0);
 }
+
 bool FdClosed(int fd) { return fcntl(fd, F_GETFD) == -1 && errno == EBADF; }
 
 class TalMemPoolTest : public TalTest {
@@ -272,7 +273,8 @@ TEST_F(TalMemPoolTest, DelayedWork_BeforeTheLooperThreadMadeLooperAndHandler_Fai
                                  Err("QvCamMem enter ClearAllAsync memHandler is not set\n")}));
 }
 
-// A running service whose looper thread has made its looper (and its fds).
+// A running service whose looper thread has made its looper, and so its fds:
+// a share fd closed later cannot be reused by them.
 class TalMemPoolThreadTest : public TalMemPoolTest {
 protected:
     void SetUp() override
