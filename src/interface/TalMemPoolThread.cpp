@@ -27,16 +27,12 @@ TalMemPoolThread::~TalMemPoolThread()
     memPoolImpl = nullptr;
 }
 
-bool TalMemPoolThread::ImplValidLocked(const char* func, int line) const
+bool TalMemPoolThread::ImplValidLocked(const char* func) const
 {
     if (memPoolImpl != nullptr) {
         return true;
     }
-    // The line carries the forwarder's own name and line in its prefix, as if
-    // the forwarder had logged it with TAL_LOGE.
-    __android_log_print(ANDROID_LOG_ERROR, kTalLogTag,
-                        "[ERROR  ] %s:%d %s() QvCamMem %s memPoolImpl invalid\n",
-                        TalFileBase(__FILE__), line, func, func);
+    TAL_LOGE_FOR(func, "QvCamMem %s memPoolImpl invalid\n", func);
     return false;
 }
 
@@ -57,7 +53,7 @@ void* TalMemPoolThread::Alloc(uint32_t size, const std::string& name, const void
                               const std::string& algoName, int32_t allocateType)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return nullptr;
     }
     return reinterpret_cast<void*>(
@@ -69,7 +65,7 @@ void* TalMemPoolThread::Alloc(uint32_t width, uint32_t height, uint32_t format, 
                               const std::string& algoName, int32_t allocateType)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return nullptr;
     }
     return reinterpret_cast<void*>(memPoolImpl->Alloc(width, height, format, usage, name, owner,
@@ -79,7 +75,7 @@ void* TalMemPoolThread::Alloc(uint32_t width, uint32_t height, uint32_t format, 
 void* TalMemPoolThread::Alloc(const MallocInfo& info, const std::string& name)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return nullptr;
     }
     return reinterpret_cast<void*>(memPoolImpl->Alloc(info, name));
@@ -92,7 +88,7 @@ void TalMemPoolThread::Free(void* vaddr)
         return;
     }
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return;
     }
     memPoolImpl->Free(reinterpret_cast<uintptr_t>(vaddr));
@@ -106,7 +102,7 @@ const qva_ibuf* TalMemPoolThread::GetIBuf(const void* vaddr)
         return nullptr;
     }
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return nullptr;
     }
     return memPoolImpl->GetIBuf(reinterpret_cast<uintptr_t>(vaddr));
@@ -117,7 +113,7 @@ void TalMemPoolThread::PreAllocPool(const MallocInfo& info, const std::string& n
 {
     // One lock for the whole batch, so no other call interleaves.
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return;
     }
     for (uint32_t i = 0; i < blockNum; ++i) {
@@ -128,7 +124,7 @@ void TalMemPoolThread::PreAllocPool(const MallocInfo& info, const std::string& n
 void TalMemPoolThread::ReleasePool(const MallocInfo& info)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return;
     }
     memPoolImpl->ReleasePool(info);
@@ -172,7 +168,7 @@ int32_t TalMemPoolThread::PostLocked(int what, int32_t delayMs)
 int32_t TalMemPoolThread::ClearAllSync()
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return -1;
     }
     int32_t ret = memPoolImpl->ClearAll();
@@ -180,38 +176,38 @@ int32_t TalMemPoolThread::ClearAllSync()
     return ret;
 }
 
-void TalMemPoolThread::Forward(const char* func, int line, void (TalMemPoolImpl::*op)())
+void TalMemPoolThread::Forward(const char* func, void (TalMemPoolImpl::*op)())
 {
     AutoMutex _l(mImplLock);
-    if (ImplValidLocked(func, line)) {
+    if (ImplValidLocked(func)) {
         (memPoolImpl->*op)();
     }
 }
 
 void TalMemPoolThread::CameraClose()
 {
-    Forward(__func__, __LINE__, &TalMemPoolImpl::CameraClose);
+    Forward(__func__, &TalMemPoolImpl::CameraClose);
 }
 
 void TalMemPoolThread::OnSos()
 {
-    Forward(__func__, __LINE__, &TalMemPoolImpl::OnSos);
+    Forward(__func__, &TalMemPoolImpl::OnSos);
 }
 
 void TalMemPoolThread::OnFrame()
 {
-    Forward(__func__, __LINE__, &TalMemPoolImpl::OnFrame);
+    Forward(__func__, &TalMemPoolImpl::OnFrame);
 }
 
 void TalMemPoolThread::OnEos()
 {
-    Forward(__func__, __LINE__, &TalMemPoolImpl::OnEos);
+    Forward(__func__, &TalMemPoolImpl::OnEos);
 }
 
 void TalMemPoolThread::UpdatePPState(int32_t ppType, int32_t state)
 {
     AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
+    if (ImplValidLocked(__func__)) {
         memPoolImpl->UpdatePPState(ppType, state);
     }
 }
@@ -219,7 +215,7 @@ void TalMemPoolThread::UpdatePPState(int32_t ppType, int32_t state)
 void TalMemPoolThread::ClearPPState(int32_t ppType)
 {
     AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
+    if (ImplValidLocked(__func__)) {
         memPoolImpl->ClearPPState(ppType);
     }
 }
@@ -227,7 +223,7 @@ void TalMemPoolThread::ClearPPState(int32_t ppType)
 int32_t TalMemPoolThread::PoolInitTest(const std::string& name, uint32_t count)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return -1;
     }
     return memPoolImpl->PoolInitTest(name, count);
@@ -241,7 +237,7 @@ int32_t TalMemPoolThread::PoolUpdate(const std::list<std::string>& algos,
         TAL_LOGE("QvCamMem enter %s m_spMemLooper is not set\n", __func__);
         return -1;
     }
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return -1;
     }
     memPoolImpl->SetResolution(res);
@@ -256,7 +252,7 @@ int32_t TalMemPoolThread::PoolUpdate(const std::list<std::string>& algos,
 int32_t TalMemPoolThread::PoolUpdateSync()
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return -1;
     }
     return memPoolImpl->PoolUpdate(mPeakSize);
@@ -265,7 +261,7 @@ int32_t TalMemPoolThread::PoolUpdateSync()
 void TalMemPoolThread::RegisterAllocatorRef(int32_t ref, const std::string& name)
 {
     AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
+    if (ImplValidLocked(__func__)) {
         memPoolImpl->RegisterAllocatorRef(ref, name);
     }
 }
@@ -273,7 +269,7 @@ void TalMemPoolThread::RegisterAllocatorRef(int32_t ref, const std::string& name
 void TalMemPoolThread::UnregisterAllocatorRef(int32_t ref, const std::string& name)
 {
     AutoMutex _l(mImplLock);
-    if (ImplValidLocked(__func__, __LINE__)) {
+    if (ImplValidLocked(__func__)) {
         memPoolImpl->UnregisterAllocatorRef(ref, name);
     }
 }
@@ -281,7 +277,7 @@ void TalMemPoolThread::UnregisterAllocatorRef(int32_t ref, const std::string& na
 int32_t TalMemPoolThread::GetMemDumpInfo(int32_t type)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return 0;
     }
     return memPoolImpl->GetMemDumpInfo(type);
@@ -290,7 +286,7 @@ int32_t TalMemPoolThread::GetMemDumpInfo(int32_t type)
 int32_t TalMemPoolThread::MemPoolIoctl(int32_t cmd, const void* arg)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return -1;
     }
     memPoolImpl->MemPoolCtrl(cmd, arg); // a rejected command still reports 0
@@ -300,7 +296,7 @@ int32_t TalMemPoolThread::MemPoolIoctl(int32_t cmd, const void* arg)
 int32_t TalMemPoolThread::MemPoolCtrl(int32_t cmd, const void* in, void* out)
 {
     AutoMutex _l(mImplLock);
-    if (!ImplValidLocked(__func__, __LINE__)) {
+    if (!ImplValidLocked(__func__)) {
         return -1;
     }
     return memPoolImpl->MemPoolCtrl(cmd, in, out);

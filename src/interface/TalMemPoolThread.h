@@ -106,11 +106,11 @@ private:
 
     android::status_t readyToRun() override;
     bool threadLoop() override;
-    // Logs "memPoolImpl invalid" as `func` at `line` when there is no pool manager.
-    bool ImplValidLocked(const char* func, int line) const;
+    // Logs "memPoolImpl invalid" on behalf of `func` when there is no pool manager.
+    bool ImplValidLocked(const char* func) const;
     // Takes mImplLock and runs `op` on the pool manager; CameraClose and the
     // stream events are this one step with a different operation.
-    void Forward(const char* func, int line, void (TalMemPoolImpl::*op)());
+    void Forward(const char* func, void (TalMemPoolImpl::*op)());
     // Posts kMsgClearAll after delayMs; fails while the looper or the handler
     // is missing. Called with mImplLock held.
     int32_t ClearAllAsync(int32_t delayMs);
