@@ -1,8 +1,6 @@
-// The public entries and their service object: every entry without a service
-// and without a pool manager, reference counting, bad input, direct buffers end
-// to end, delayed work on the looper thread and the idle summary.
+// The public entries and their service: missing service or pool manager, reference counting,
+// bad input, direct buffers end to end, delayed work on the looper thread, the idle summary.
 
-#include <android/log.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 
@@ -400,12 +398,11 @@ TEST_F(TalMemPoolThreadTest, PoolUpdate_TakesThePeakOfTheResolutionAndAppliesAtO
 
 TEST_F(TalMemPoolThreadTest, IdleSummary_IsLoggedOnce3000msAfterTheLastActivity)
 {
-    // The single test of the fixed idle delay.
     void* p = TalMemPool::Malloc(4096, "m", nullptr, "a", 0);
     ASSERT_NE(p, nullptr);
     LogCapture::Clear();
     auto start = Clock::now();
-    TalMemPool::Free(p, "m", nullptr); // re-arms the summary
+    TalMemPool::Free(p, "m", nullptr); // re-arms the summary; the only test of the fixed delay
     auto summaries = [] { return LogCapture::CountContaining("mTimeOutCount="); };
     ASSERT_TRUE(WaitFor([&] { return summaries() > 0; })) << LogCapture::Dump();
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(2900)) << "because it needs 3000 ms of idleness";
