@@ -88,12 +88,11 @@ const char* TalMemPoolMonitor::CaptureStatus2str(unsigned int status)
     return kUnknownName;
 }
 
-void TalMemPoolMonitor::CheckTypeIndex(int allocateType, const char* func)
+void TalMemPoolMonitor::CheckTypeIndex(int allocateType)
 {
     // The per-type arrays have three entries; callers validate first, so an
     // index outside them is a programming error that must not corrupt memory.
     if (allocateType < 0 || allocateType >= kAllocTypeNum) {
-        TAL_LOGE("QvCamMem %s(), allocateType index %d out of range, abort\n", func, allocateType);
         std::abort();
     }
 }
@@ -180,7 +179,7 @@ void TalMemPoolMonitor::UpdatePoolStatus(TAL_MEM_MONITOR_TYPE type, int allocate
 {
     const bool sys = (type == TAL_MEM_MONITOR_SYS_ALLOC || type == TAL_MEM_MONITOR_SYS_FREE);
     if (type == TAL_MEM_MONITOR_POOL_ALLOC || type == TAL_MEM_MONITOR_SYS_ALLOC) {
-        CheckTypeIndex(allocateType, __func__);
+        CheckTypeIndex(allocateType);
         allSize += size;
         allNum += 1;
         usedSizeByType[allocateType] += size;
@@ -191,7 +190,7 @@ void TalMemPoolMonitor::UpdatePoolStatus(TAL_MEM_MONITOR_TYPE type, int allocate
         }
     } else if (type == TAL_MEM_MONITOR_POOL_FREE || type == TAL_MEM_MONITOR_SYS_FREE) {
         // Unguarded on purpose: an unbalanced release shows up as a wrapped total.
-        CheckTypeIndex(allocateType, __func__);
+        CheckTypeIndex(allocateType);
         allSize -= size;
         allNum -= 1;
         usedSizeByType[allocateType] -= size;

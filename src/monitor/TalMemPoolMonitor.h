@@ -70,9 +70,8 @@ struct TalMemPoolAlgoInfo {
     int peakUsedSize = 0;
 };
 
-// A dump block: ten size words (bytes) and one list per allocate type.
-template <typename Record>
-struct TalMemPoolDumpBlock {
+// The ten size words (bytes) that open every dump block.
+struct TalMemPoolSizeWords {
     unsigned int poolSize = 0;
     unsigned int outPoolSize = 0;
     unsigned int inPoolUsed = 0;
@@ -83,6 +82,11 @@ struct TalMemPoolDumpBlock {
     unsigned int previewUsed = 0;
     unsigned int othersSize = 0;
     unsigned int othersUsed = 0;
+};
+
+// A dump block: the size words, then one list per allocate type.
+template <typename Record>
+struct TalMemPoolDumpBlock : TalMemPoolSizeWords {
     std::list<Record> captureList;
     std::list<Record> previewList;
     std::list<Record> othersList;
@@ -191,6 +195,7 @@ public:
     // manager's peak learning at end of stream.
     const std::list<AlgoMemInfo>& GetAlgoInfoList(int allocateType) const
     {
+        CheckTypeIndex(allocateType);
         return algoInfoList[allocateType];
     }
     // Empties every algorithm list and zeroes the snapshot counters; the pool
@@ -245,14 +250,12 @@ private:
     void PrintPeakSizeMemListInfo();
     void PrintStatus(TAL_MEM_MONITOR_TYPE type, const std::string& algoName, unsigned int size,
                      const char* sign, bool reachPeak);
-    void PrintRealtimeStatus(const char* typeName, const std::string& algoName,
-                             unsigned int size, const char* sign, bool reachPeak);
     unsigned int PoolChunksSize() const;
     unsigned int OutPoolSize() const;
     unsigned int IdleAddrMapSize() const;
 
-    // Aborts when a per-type array index is outside 0..2.
-    static void CheckTypeIndex(int allocateType, const char* func);
+    // Aborts, silently, when a per-type array index is outside 0..2.
+    static void CheckTypeIndex(int allocateType);
 
     // Manager state read through the back pointer.
     unsigned int CaptureStatus() const;
@@ -267,7 +270,9 @@ private:
     void FillLeakReport(talMemPoolLeakErrorReportInfo& report);
     void FillAllocFailReport(talMemPoolAllocFailErrorReportInfo& report, int allocSize,
                              const std::string& algoName, int allocateType, int device);
-    void PrintPoolChunks();
+    // Pool and direct sizes, the used sizes of both and the per-type use;
+    // the three per-type totals are left to the caller.
+    void FillSizeWords(TalMemPoolSizeWords& words);
 
     std::list<AlgoMemInfo> algoInfoList[kAllocTypeNum];
     TalMemPoolImpl* poolImpl;

@@ -31,7 +31,7 @@ inline void SubClamped(uint32_t& value, uint32_t amount)
 
 std::list<AlgoMemInfo>& TalMemPoolMonitor::AlgoList(int allocateType)
 {
-    CheckTypeIndex(allocateType, __func__);
+    CheckTypeIndex(allocateType);
     return algoInfoList[allocateType];
 }
 

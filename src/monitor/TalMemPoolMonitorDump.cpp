@@ -53,19 +53,15 @@ void* TalMemPoolMonitor::GetMemDumpInfo(int dumpType)
             DumpMemRealtimeInfo();
             return &memRealtimeInfo;
         case kDumpPoolChunks:
-            PrintPoolChunks();
-            return nullptr;
+            break;
         default:
             TAL_LOGE("QvCamMem %s() error: dumpType %d no define\n", __func__, dumpType);
             return nullptr;
     }
-}
-
-void TalMemPoolMonitor::PrintPoolChunks()
-{
+    // Type 2 only logs the pool chunks: leaked ones first, then live ones.
     if (InCrossing()) {
         TAL_LOGD("in crossing state don't need to print pool chunk info\n");
-        return;
+        return nullptr;
     }
     for (TalMemChunk* chunk : leakChunkList) {
         if (chunk->GetPoolId() != 0) {
@@ -80,6 +76,7 @@ void TalMemPoolMonitor::PrintPoolChunks()
                  TalMaskAddr(chunk->GetAddr()), static_cast<size_t>(chunk->GetSize()),
                  chunk->GetAlgoName().c_str());
     }
+    return nullptr;
 }
 
 void TalMemPoolMonitor::DumpMemRealtimeInfo()
@@ -97,19 +94,11 @@ void TalMemPoolMonitor::DumpMemRealtimeInfo()
         }
     }
     TalMemPoolRealtimeInfo& rt = memRealtimeInfo;
-    rt.poolSize = GetPoolSize(TAL_MEM_GETSIZE_IN_POOL);
-    rt.outPoolSize = GetPoolSize(TAL_MEM_GETSIZE_OUT_POOL);
+    FillSizeWords(rt);
     rt.captureSize = 0;
     GetAllCaptureSize(rt.captureSize);
     rt.previewSize = 0;
     GetAllPreviewSize(rt.previewSize);
-    rt.inPoolUsed = 0;
-    GetInPoolUsedSize(rt.inPoolUsed);
-    rt.outPoolUsed = 0;
-    GetOutPoolUsedSize(rt.outPoolUsed);
-    rt.captureUsed = usedSizeByType[0];
-    rt.previewUsed = usedSizeByType[1];
-    rt.othersUsed = usedSizeByType[2];
     TAL_LOGD("QvCamMem %s(): captureStatus:(%s) poolSize(%zu), outPoolSize(%zu), inPoolUsed(%zu), "
              "outPoolUsed(%zu)\n",
              __func__, CaptureStatus2str(CaptureStatus()), static_cast<size_t>(rt.poolSize),
@@ -146,28 +135,24 @@ void TalMemPoolMonitor::GetChunkInfo(ChunkMap& chunks, TalMemPoolDumpInfo& info)
 void TalMemPoolMonitor::PrintChunkInfoList(std::list<TalMemPoolChunkInfo>& list,
                                            std::string title)
 {
-    const int total = static_cast<int>(list.size());
     int number = 0;
     for (const TalMemPoolChunkInfo& info : list) {
-        ++number;
         TAL_LOGD("QvCamMem %s [%d/%d]: algoName(%s), moduleName(%s), allocateType(%d), "
                  "addr(0x%lx), size(%zu), usedAgeInMs(%d)\n",
-                 title.c_str(), number, total, info.algoName.c_str(), info.moduleName.c_str(),
-                 info.allocateType, TalMaskAddr(static_cast<uintptr_t>(info.addr)), info.size,
-                 info.usedAgeInMs);
+                 title.c_str(), ++number, static_cast<int>(list.size()), info.algoName.c_str(),
+                 info.moduleName.c_str(), info.allocateType,
+                 TalMaskAddr(static_cast<uintptr_t>(info.addr)), info.size, info.usedAgeInMs);
     }
 }
 
 void TalMemPoolMonitor::PrintAlgoInfoList(std::list<TalMemPoolAlgoInfo>& list, std::string title)
 {
-    const int total = static_cast<int>(list.size());
     int number = 0;
     for (const TalMemPoolAlgoInfo& info : list) {
-        ++number;
         TAL_LOGD("QvCamMem %s [%d/%d]: algoName:%-20s\t usedSizeCurrent:%-10d\t "
                  "peakUsedSize:%-10d\t\n",
-                 title.c_str(), number, total, info.algoName.c_str(), info.usedSizeCurrent,
-                 info.peakUsedSize);
+                 title.c_str(), ++number, static_cast<int>(list.size()), info.algoName.c_str(),
+                 info.usedSizeCurrent, info.peakUsedSize);
     }
 }
 

@@ -95,7 +95,7 @@ void TalMemPoolMonitor::MoveLeakedChunks(ChunkMap& chunks, int allocateType, boo
 
 bool TalMemPoolMonitor::CheckMemChunkLeak(int allocateType)
 {
-    CheckTypeIndex(allocateType, __func__);
+    CheckTypeIndex(allocateType);
     bool leaked = false;
     MoveLeakedChunks(inPoolChunkMap, allocateType, leaked);
     MoveLeakedChunks(outPoolChunkMap, allocateType, leaked);
@@ -154,15 +154,7 @@ void TalMemPoolMonitor::DumpMemErrorInfo()
     memDumpInfo.othersList.clear();
     GetChunkInfo(inPoolChunkMap, memDumpInfo);
     GetChunkInfo(outPoolChunkMap, memDumpInfo);
-    memDumpInfo.poolSize = GetPoolSize(TAL_MEM_GETSIZE_IN_POOL);
-    memDumpInfo.outPoolSize = GetPoolSize(TAL_MEM_GETSIZE_OUT_POOL);
-    memDumpInfo.inPoolUsed = 0;
-    GetInPoolUsedSize(memDumpInfo.inPoolUsed);
-    memDumpInfo.outPoolUsed = 0;
-    GetOutPoolUsedSize(memDumpInfo.outPoolUsed);
-    memDumpInfo.captureUsed = usedSizeByType[0];
-    memDumpInfo.previewUsed = usedSizeByType[1];
-    memDumpInfo.othersUsed = usedSizeByType[2];
+    FillSizeWords(memDumpInfo); // the three per-type totals stay 0 in this block
     TAL_LOGD("QvCamMem %s(): poolSize(%zu), outPoolSize(%zu), inPoolUsed(%zu), outPoolUsed(%zu), "
              "captureUsed(%zu), previewUsed(%zu), othersUsed(%zu)\n",
              __func__, static_cast<size_t>(memDumpInfo.poolSize),

@@ -129,64 +129,63 @@ void TalMemPoolMonitor::GetAllPreviewSize(unsigned int& size)
     size += IdleAddrMapSize();
 }
 
+void TalMemPoolMonitor::FillSizeWords(TalMemPoolSizeWords& words)
+{
+    words.poolSize = GetPoolSize(TAL_MEM_GETSIZE_IN_POOL);
+    words.outPoolSize = GetPoolSize(TAL_MEM_GETSIZE_OUT_POOL);
+    words.inPoolUsed = 0;
+    GetInPoolUsedSize(words.inPoolUsed);
+    words.outPoolUsed = 0;
+    GetOutPoolUsedSize(words.outPoolUsed);
+    words.captureUsed = usedSizeByType[0];
+    words.previewUsed = usedSizeByType[1];
+    words.othersUsed = usedSizeByType[2];
+}
+
 void TalMemPoolMonitor::PrintStatus(TAL_MEM_MONITOR_TYPE type, const std::string& algoName,
                                     unsigned int size, const char* sign, bool reachPeak)
 {
     const char* typeName = MonitorType2str(type);
+    const char* algo = algoName.c_str();
+    const size_t algoSize = size;
+    const size_t all = allSize, num = allNum, peak = allSizePeak, sys = SysSize, sysNum = SysNum;
+    const size_t total = totalSize, totalN = totalNum, snapSys = snapSysSize, snapN = snapSysNum;
     if (InCrossing()) {
         TAL_LOGD("QvCamMem Crossing PoolStatus %-10s\t algoName:%-15s\t algoSize:%s%-10zu\t "
                  "allSize:%-10zu\t allNum:%zu\t allSizePeak:%-10zu\t SysSize:%-10zu\t SysNum:%zu\t "
                  "\n",
-                 typeName, algoName.c_str(), sign, static_cast<size_t>(size),
-                 static_cast<size_t>(allSize), static_cast<size_t>(allNum),
-                 static_cast<size_t>(allSizePeak), static_cast<size_t>(SysSize),
-                 static_cast<size_t>(SysNum));
+                 typeName, algo, sign, algoSize, all, num, peak, sys, sysNum);
     } else if (type == TAL_MEM_MONITOR_FRAME || type == TAL_MEM_MONITOR_EOS) {
         TAL_LOGD("QvCamMem SnapShotStatus %-10s\t totalSize:%-10zu\t totalNum:%-3zu\t "
                  "SysSize:%-10zu\t SysNum:%-3zu\t snapSizeSos2Frame:%-10zu\t sysSizePeak:%-10zu\t "
                  "peakSizeRatio:%-zu\t\n",
-                 typeName, static_cast<size_t>(totalSize), static_cast<size_t>(totalNum),
-                 static_cast<size_t>(snapSysSize), static_cast<size_t>(snapSysNum),
-                 static_cast<size_t>(snapSizeSos2Frame), static_cast<size_t>(sysSizePeak),
-                 static_cast<size_t>(peakSizeRatio));
+                 typeName, total, totalN, snapSys, snapN, static_cast<size_t>(snapSizeSos2Frame),
+                 static_cast<size_t>(sysSizePeak), static_cast<size_t>(peakSizeRatio));
     } else if (type == TAL_MEM_MONITOR_SOS) {
         unsigned int captureUsed = 0;
         GetCaptureUsedSize(captureUsed);
         TAL_LOGD("QvCamMem PoolStatus %-10s\t totalCaptureUsed:%-10zu\t captureUsed:%-10zu\t "
                  "allSize:%-10zu\t allNum:%zu\t SysSize:%-10zu\t SysNum:%zu\t\n",
                  "SOS", static_cast<size_t>(usedSizeByType[0]), static_cast<size_t>(captureUsed),
-                 static_cast<size_t>(allSize), static_cast<size_t>(allNum),
-                 static_cast<size_t>(SysSize), static_cast<size_t>(SysNum));
-    } else if (printRealtimePoolStatus) {
-        PrintRealtimeStatus(typeName, algoName, size, sign, reachPeak);
-    }
-}
-
-void TalMemPoolMonitor::PrintRealtimeStatus(const char* typeName, const std::string& algoName,
-                                            unsigned int size, const char* sign, bool reachPeak)
-{
-    if (CaptureStatus() != kStatusFrame) {
+                 all, num, sys, sysNum);
+    } else if (!printRealtimePoolStatus) {
+        return;
+    } else if (CaptureStatus() != kStatusFrame) {
+        // Outside frames the pool status is the interesting figure.
         TAL_LOGD("QvCamMem PoolStatus %-10s\t algoName:%-15s\t algoSize:%s%-10zu\t "
                  "allSize:%-10zu\tallNum:%zu\t allSizePeak:%-10zu\t SysSize:%-10zu\t SysNum:%zu\t "
                  "\n",
-                 typeName, algoName.c_str(), sign, static_cast<size_t>(size),
-                 static_cast<size_t>(allSize), static_cast<size_t>(allNum),
-                 static_cast<size_t>(allSizePeak), static_cast<size_t>(SysSize),
-                 static_cast<size_t>(SysNum));
+                 typeName, algo, sign, algoSize, all, num, peak, sys, sysNum);
     } else if (reachPeak) {
         TAL_LOGD("QvCamMem SnapShotStatus %-10s\t algoName:%-15s\t algoSize:%s%-10zu\t "
                  "totalSize:%-10zu\t totalNum:%-3zu\t SysSize:%-10zu\t SysNum:%-3zu\t "
                  "peakSize:%-10zu\t peakSizeRatio:%-zu\t \n",
-                 typeName, algoName.c_str(), sign, static_cast<size_t>(size),
-                 static_cast<size_t>(totalSize), static_cast<size_t>(totalNum),
-                 static_cast<size_t>(snapSysSize), static_cast<size_t>(snapSysNum),
+                 typeName, algo, sign, algoSize, total, totalN, snapSys, snapN,
                  static_cast<size_t>(peakSize), static_cast<size_t>(peakSizeRatio));
     } else {
         TAL_LOGD("QvCamMem SnapShotStatus %-10s\t algoName:%-15s\t algoSize:%s%-10zu\t "
                  "totalSize:%-10zu\t totalNum:%-3zu\t SysSize:%-10zu\t SysNum:%-3zu\t \n",
-                 typeName, algoName.c_str(), sign, static_cast<size_t>(size),
-                 static_cast<size_t>(totalSize), static_cast<size_t>(totalNum),
-                 static_cast<size_t>(snapSysSize), static_cast<size_t>(snapSysNum));
+                 typeName, algo, sign, algoSize, total, totalN, snapSys, snapN);
     }
 }
 

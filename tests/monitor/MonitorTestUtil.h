@@ -1,14 +1,16 @@
 #ifndef TALMEM_TESTS_MONITOR_MONITORTESTUTIL_H
 #define TALMEM_TESTS_MONITOR_MONITORTESTUTIL_H
 
-// Shared pieces of the monitor tests: read access to the monitor's counters,
-// a pool manager whose monitor is bound to its containers, and real chunks
-// (camera buffers, splits of a pool chunk, heap blocks) with the attributes
-// the pool manager would give them.
+// Shared pieces of the monitor tests: read access to the monitor's state, a
+// pool manager whose monitor is bound to its containers, real chunks with the
+// attributes the pool manager gives them, and builders of the status lines.
 
-#include <cstdint>
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <initializer_list>
+#include <list>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -20,70 +22,31 @@
 
 namespace qv {
 
-// Read (and, for bounds tests, write) access to the monitor's private state.
 class TalMemPoolMonitorPeer {
 public:
     explicit TalMemPoolMonitorPeer(TalMemPoolMonitor& monitor) : m(monitor) {}
-
-    unsigned int allSize() const { return m.allSize; }
-    unsigned int allNum() const { return m.allNum; }
-    unsigned int sysSize() const { return m.SysSize; }
-    unsigned int sysNum() const { return m.SysNum; }
-    unsigned int allSizePeak() const { return m.allSizePeak; }
-    unsigned int usedSizeByType(int t) const { return m.usedSizeByType[t]; }
-    unsigned int leakedSizeByType(int t) const { return m.mLeakedSizeByType[t]; }
-    unsigned int leakedNumOnce() const { return m.mLeakedNumOnce; }
-    int& allocatorRef(int t) { return m.allocatorRef[t]; }
-
-    unsigned int totalSize() const { return m.totalSize; }
-    unsigned int totalNum() const { return m.totalNum; }
-    unsigned int peakSize() const { return m.peakSize; }
-    unsigned int peakSizeRatio() const { return m.peakSizeRatio; }
-    unsigned int snapInPoolSize() const { return m.snapInPoolSize; }
-    unsigned int snapSysSize() const { return m.snapSysSize; }
-    unsigned int snapSysNum() const { return m.snapSysNum; }
-    unsigned int sysSizePeak() const { return m.sysSizePeak; }
-    unsigned int sosAllSize() const { return m.sosAllSize; }
-    unsigned int frameAllSize() const { return m.frameAllSize; }
-    unsigned int snapSizeSos2Frame() const { return m.snapSizeSos2Frame; }
-    unsigned int snapSysSizeSos2Frame() const { return m.snapSysSizeSos2Frame; }
-    uint32_t recipOfPoolSize() const { return m.recipOfPoolSize; }
-
-    bool inPoolMapHas(TalMemChunk* c) const { return Has(m.inPoolChunkMap, c); }
-    bool outPoolMapHas(TalMemChunk* c) const { return Has(m.outPoolChunkMap, c); }
-    size_t inPoolMapSize() const { return m.inPoolChunkMap.size(); }
+    // Pool status, then the snapshot account, each in declaration order.
+    std::vector<unsigned int> pool() const { return {m.allSize, m.SysSize, m.allNum, m.SysNum, m.allSizePeak}; }
+    std::vector<unsigned int> snap() const
+    {
+        return {m.totalSize,    m.peakSize,    m.peakSizeRatio,     m.snapInPoolSize,      m.snapSysSize,
+                m.sysSizePeak,  m.snapSysNum,  m.totalNum,          m.sosAllSize,          m.sosAllNum,
+                m.frameAllSize, m.frameAllNum, m.snapSizeSos2Frame, m.snapSysSizeSos2Frame};
+    }
+    unsigned int used(int t) const { return m.usedSizeByType[t]; }
+    unsigned int leaked(int t) const { return m.mLeakedSizeByType[t]; }
+    int& ref(int t) { return m.allocatorRef[t]; }
     const std::list<TalMemChunk*>& leakList() const { return m.leakChunkList; }
-    const std::list<TalMemPoolChunkInfo>& peakList() const { return m.peakSizeMemChunkList; }
+    size_t peakListSize() const { return m.peakSizeMemChunkList.size(); }
     const std::list<AlgoMemInfo>& algoList(int t) const { return m.algoInfoList[t]; }
     const AlgoMemInfo* algo(int t, const std::string& name) const
     {
-        for (const AlgoMemInfo& info : m.algoInfoList[t]) {
-            if (name == info.algoName) {
-                return &info;
-            }
-        }
-        return nullptr;
+        auto& list = m.algoInfoList[t];
+        auto it = std::find_if(list.begin(), list.end(), [&](auto& i) { return name == i.algoName; });
+        return it == list.end() ? nullptr : &*it;
     }
-    bool switches(bool& pool, bool& algo, bool& peak) const
-    {
-        pool = m.printRealtimePoolStatus;
-        algo = m.printRealtimeAlgoInfo;
-        peak = m.printPeakSizeMemChunkList;
-        return pool || algo || peak;
-    }
-    void FillAllocFailReport(talMemPoolAllocFailErrorReportInfo& r, int size,
-                             const std::string& algo, int type, int device)
-    {
-        m.FillAllocFailReport(r, size, algo, type, device);
-    }
-    void FillLeakReport(talMemPoolLeakErrorReportInfo& r) { m.FillLeakReport(r); }
 
 private:
-    static bool Has(const TalMemPoolMonitor::ChunkMap& map, TalMemChunk* c)
-    {
-        auto it = map.find(c->GetAddr());
-        return it != map.end() && it->second == c;
-    }
     TalMemPoolMonitor& m;
 };
 
@@ -91,70 +54,164 @@ private:
 
 namespace monitor_test {
 
+using qv::TalMemChunk;
+using talmem_test::LogCapture;
+using Counters = std::vector<unsigned int>;
+
 constexpr uint32_t kMiB = 1u << 20;
+constexpr int kCapture = 0, kPreview = 1, kOthers = 2;
+constexpr auto kPoolAlloc = qv::TAL_MEM_MONITOR_POOL_ALLOC, kSysAlloc = qv::TAL_MEM_MONITOR_SYS_ALLOC;
+constexpr auto kPoolFree = qv::TAL_MEM_MONITOR_POOL_FREE, kSysFree = qv::TAL_MEM_MONITOR_SYS_FREE;
+constexpr auto kSos = qv::TAL_MEM_MONITOR_SOS, kFrame = qv::TAL_MEM_MONITOR_FRAME, kEos = qv::TAL_MEM_MONITOR_EOS;
 
-// `value` left-justified in `width` columns, as "%-Nzu" prints it.
-inline std::string L(const std::string& value, size_t width)
+inline std::string Fmt(const char* fmt, ...)
 {
-    return value.size() >= width ? value : value + std::string(width - value.size(), ' ');
+    char buf[512]; // the lines under test are far shorter
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(buf, sizeof(buf), fmt, args);
+    va_end(args);
+    return buf;
 }
-inline std::string L(unsigned long long value, size_t width)
+inline unsigned long Masked(const void* addr) { return reinterpret_cast<uintptr_t>(addr) & 0xFFFFFFu; }
+// Exactly one captured line of `prio` is `message`; a failure shows the log.
+inline ::testing::AssertionResult Once(const std::string& message, int prio = ANDROID_LOG_DEBUG)
 {
-    return L(std::to_string(value), width);
+    const int n = LogCapture::Count(prio, message);
+    return n == 1 ? ::testing::AssertionSuccess()
+                  : ::testing::AssertionFailure() << n << " times: " << message << LogCapture::Dump();
 }
-constexpr int kCapture = 0;
-constexpr int kPreview = 1;
-constexpr int kOthers = 2;
 
-// Fixture: a pool manager (not initialised: no configuration, no pools)
-// whose monitor is bound to its pool list and preview-reuse map, as PoolInit
-// binds it. Chunks made here are owned by the fixture unless handed to the
-// manager's containers.
+// The captured messages, in order, without their prefixes.
+inline std::vector<std::string> Messages()
+{
+    std::vector<std::string> out;
+    for (const auto& line : LogCapture::Lines()) {
+        out.push_back(line.message);
+    }
+    return out;
+}
+
+// The realtime pool status line, or the crossing line, which has a blank
+// before "allNum" that the realtime one lacks.
+inline std::string PoolLine(const char* type, const char* algo, const char* sign, unsigned size, unsigned all,
+                            unsigned num, unsigned peak, unsigned sys, unsigned sysN, bool crossing = false)
+{
+    return Fmt("QvCamMem %sPoolStatus %-10s\t algoName:%-15s\t algoSize:%s%-10u\t allSize:%-10u\t%sallNum:%u\t "
+               "allSizePeak:%-10u\t SysSize:%-10u\t SysNum:%u\t \n",
+               crossing ? "Crossing " : "", type, algo, sign, size, all, crossing ? " " : "", num, peak, sys, sysN);
+}
+// The realtime snapshot line during frames; `peak` < 0: the line without the peak.
+inline std::string SnapLine(const char* type, const char* algo, const char* sign, unsigned size, unsigned total,
+                            unsigned num, unsigned sys, unsigned sysN, long peak = -1, unsigned ratio = 0)
+{
+    std::string tail = peak < 0 ? "" : Fmt("peakSize:%-10ld\t peakSizeRatio:%u\t ", peak, ratio);
+    return Fmt("QvCamMem SnapShotStatus %-10s\t algoName:%-15s\t algoSize:%s%-10u\t totalSize:%-10u\t "
+               "totalNum:%-3u\t SysSize:%-10u\t SysNum:%-3u\t %s\n",
+               type, algo, sign, size, total, num, sys, sysN, tail.c_str());
+}
+// The Frame and EOS line.
+inline std::string StreamLine(const char* type, unsigned total, unsigned num, unsigned sys, unsigned sysN,
+                              unsigned sos2Frame, unsigned sysPeak, unsigned ratio)
+{
+    return Fmt("QvCamMem SnapShotStatus %-10s\t totalSize:%-10u\t totalNum:%-3u\t SysSize:%-10u\t SysNum:%-3u\t "
+               "snapSizeSos2Frame:%-10u\t sysSizePeak:%-10u\t peakSizeRatio:%u\t\n",
+               type, total, num, sys, sysN, sos2Frame, sysPeak, ratio);
+}
+inline std::string SosLine(unsigned captureType, unsigned captureUsed, unsigned all, unsigned num, unsigned sys,
+                           unsigned sysN)
+{
+    return Fmt("QvCamMem PoolStatus SOS       \t totalCaptureUsed:%-10u\t captureUsed:%-10u\t allSize:%-10u\t "
+               "allNum:%u\t SysSize:%-10u\t SysNum:%u\t\n",
+               captureType, captureUsed, all, num, sys, sysN);
+}
+
+// Fixture: a pool manager (no configuration, no pools) whose monitor is bound
+// to its pool list and preview-reuse map as PoolInit binds it.
 class MonitorTest : public talmem_test::TalTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
-
-    // Binds the monitor (reads the debug properties set so far).
-    void Bind();
-
-    // A direct chunk of `size` bytes as the pool manager makes one by size:
-    // a camera buffer when `camera` is true, else a heap block (same
-    // accounting, no device memory; used for the large sizes).
-    qv::TalMemChunk* Direct(uint32_t size, int allocType, const std::string& algo,
-                            bool camera = false, const std::string& module = "mod");
-    // A pool chunk without memory of its own (only its size counts), put at
-    // the back of the manager's pool list; the manager owns it.
-    qv::TalMemChunk* AddPool(uint32_t size, int32_t poolId = 1);
-    // A carved record of `size` bytes at `offset` of a camera-buffer pool
-    // chunk, as PoolAlloc configures one.
-    qv::TalMemChunk* Carved(qv::TalMemChunk* pool, uint32_t offset, uint32_t size, int allocType,
-                            const std::string& algo, const std::string& module = "mod");
-    // A camera-buffer pool chunk of `size` bytes owned by the fixture.
-    qv::TalMemChunk* CameraPool(uint32_t size, int32_t poolId = 1);
-
-    void Event(qv::TAL_MEM_MONITOR_TYPE type, qv::TalMemChunk* chunk = nullptr)
+    void SetUp() override
     {
-        monitor().UpdateMemoryStatus(type, chunk);
+        TalTest::SetUp();
+        Reset();
     }
-    // The manager's capture status, as its stream events set it.
-    void Stream(uint32_t state) { impl_->streamState = state; }
+    void TearDown() override
+    {
+        impl_.reset();
+        owned_.clear(); // newest first: carved records before their pool chunk
+        TalTest::TearDown();
+    }
+    // A fresh manager and monitor, bound; the monitor reads the properties set so far.
+    void Reset(const char* propertyOn = nullptr)
+    {
+        if (propertyOn != nullptr) {
+            TalHostSetProperty(propertyOn, "1");
+        }
+        impl_.reset(new qv::TalMemPoolImpl());
+        LogCapture::Clear();
+        ASSERT_EQ(0, monitor().PoolMonitorInit(impl_->poolChunkList, impl_->sysPrevMcMap));
+    }
 
+    // A direct chunk as the manager makes one by size: a camera buffer, or a
+    // heap block for large sizes. A nonzero `poolId` makes it a pool chunk.
+    TalMemChunk* Direct(uint32_t size, int type, const std::string& algo, bool camera = false,
+                        const std::string& module = "mod", int32_t poolId = 0)
+    {
+        return Make(new TalMemChunk(size, 1, 0, camera ? 0 : 1, "PP:" + algo, 1), poolId, type, algo, module);
+    }
+    TalMemChunk* CameraPool(uint32_t size, int32_t poolId = 1) { return Direct(size, 0, "pool", true, "mod", poolId); }
+    // A record of `size` bytes carved at `offset` of `pool`, as PoolAlloc makes it.
+    TalMemChunk* Carved(TalMemChunk* pool, uint32_t offset, uint32_t size, int type, const std::string& algo,
+                        const std::string& module = "mod")
+    {
+        TalMemChunk* c = Make(new TalMemChunk(size, 0, 0, 0, "PP:" + algo, 1), pool->poolId, type, algo, module);
+        c->CfgMemChunk(pool->GetIBuf(), offset, size, algo);
+        return c;
+    }
+    // A pool backing chunk without memory (only its size counts), owned by the manager.
+    void AddPool(uint32_t size)
+    {
+        impl_->poolChunkList.push_back(new TalMemChunk(size, 0, 0, 0, "Unknown", 1));
+        impl_->poolChunkList.back()->poolId = 1;
+    }
+
+    void Event(qv::TAL_MEM_MONITOR_TYPE type, TalMemChunk* c = nullptr) { monitor().UpdateMemoryStatus(type, c); }
+    void Alloc(std::initializer_list<TalMemChunk*> cs) { Each(cs, kPoolAlloc, kSysAlloc); }
+    void Free(std::initializer_list<TalMemChunk*> cs) { Each(cs, kPoolFree, kSysFree); }
+    void Each(std::initializer_list<TalMemChunk*> cs, qv::TAL_MEM_MONITOR_TYPE pool, qv::TAL_MEM_MONITOR_TYPE sys)
+    {
+        for (TalMemChunk* c : cs) {
+            Event(c->GetPoolId() != 0 ? pool : sys, c);
+        }
+    }
+    void Stream(uint32_t state) { impl_->streamState = state; }
+    // SOS then Frame, with the capture status the manager sets for each.
+    void StartStream()
+    {
+        Stream(1);
+        Event(kSos);
+        Stream(2);
+        Event(kFrame);
+    }
     qv::TalMemPoolMonitor& monitor() { return impl_->monitor; }
     qv::TalMemPoolMonitorPeer peer() { return qv::TalMemPoolMonitorPeer(impl_->monitor); }
 
-    // Lines of DEBUG priority whose message starts with `prefix`.
-    static std::vector<std::string> DebugLinesStartingWith(const std::string& prefix);
-    // Every "0x..." number in every captured line whose message contains
-    // `fragment`.
-    static std::vector<std::string> HexNumbersIn(const std::string& fragment);
-    static unsigned long Masked(const void* addr)
-    {
-        return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(addr) & 0xFFFFFFu);
-    }
-
     std::unique_ptr<qv::TalMemPoolImpl> impl_;
-    std::vector<std::unique_ptr<qv::TalMemChunk>> owned_;
+    std::list<std::unique_ptr<TalMemChunk>> owned_;
+
+private:
+    TalMemChunk* Make(TalMemChunk* c, int32_t poolId, int type, const std::string& algo, const std::string& module)
+    {
+        EXPECT_EQ(0, c->Init());
+        owned_.emplace_front(c);
+        c->poolId = poolId;
+        c->streamState = impl_->streamState;
+        c->inUse = 1;
+        c->SetModuleName(module);
+        c->SetAlgoName(algo);
+        c->SetAllocateType(type);
+        return c;
+    }
 };
 
 } // namespace monitor_test
