@@ -1,11 +1,10 @@
 #include "TalTestSupport.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <regex>
@@ -112,50 +111,27 @@ std::string MakeTempDir(const std::string& tag)
 
 void RemoveTree(const std::string& path)
 {
-    DIR* dir = opendir(path.c_str());
-    if (dir != nullptr) {
-        while (struct dirent* entry = readdir(dir)) {
-            std::string name = entry->d_name;
-            if (name == "." || name == "..") {
-                continue;
-            }
-            std::string child = path + "/" + name;
-            struct stat st;
-            if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-                chmod(child.c_str(), 0700);
-                RemoveTree(child);
-            } else {
-                unlink(child.c_str());
-            }
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    // Tests may leave read-only folders behind; open them up before removing.
+    for (auto it = fs::recursive_directory_iterator(path, ec); !ec && it != fs::end(it);
+         it.increment(ec)) {
+        if (it->is_directory(ec)) {
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
         }
-        closedir(dir);
     }
-    rmdir(path.c_str());
+    fs::remove_all(path, ec);
 }
 
 void MakeDirs(const std::string& path)
 {
-    std::string partial;
-    std::stringstream ss(path);
-    std::string piece;
-    if (!path.empty() && path[0] == '/') {
-        partial = "/";
-    }
-    while (std::getline(ss, piece, '/')) {
-        if (piece.empty()) {
-            continue;
-        }
-        partial += piece + "/";
-        mkdir(partial.c_str(), 0755);
-    }
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
 }
 
 void WriteFile(const std::string& path, const std::string& content)
 {
-    size_t slash = path.rfind('/');
-    if (slash != std::string::npos) {
-        MakeDirs(path.substr(0, slash));
-    }
+    MakeDirs(std::filesystem::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
     ASSERT_TRUE(out.good()) << "could not write " << path;
