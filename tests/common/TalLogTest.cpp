@@ -1,11 +1,7 @@
 #include "TalTestSupport.h"
 
 #include "common/TalLog.h"
-#include "talmem_platform.h"
-#include "talmem_properties.h"
-#include "securec.h"
 
-#include <cstdlib>
 
 using talmem_test::LogCapture;
 using talmem_test::TalTest;
@@ -42,52 +38,15 @@ TEST_F(TalLogTest, MaskAddr_KeepsOnlyLow24Bits)
     EXPECT_EQ(qv::TalMaskAddr(static_cast<uintptr_t>(0)), 0ul);
 }
 
-TEST_F(TalLogTest, Properties_OverrideBeatsFileAndDefaultAppliesWhenUnset)
+TEST_F(TalLogTest, ForMacros_NameTheGivenFunctionInThePrefix)
 {
-    char value[PROPERTY_VALUE_MAX];
-    EXPECT_EQ(property_get("persist.vendor.x", value, "dflt"), 4);
-    EXPECT_STREQ(value, "dflt");
-
-    std::string file = root_ + "/props";
-    talmem_test::WriteFile(file, "# comment\npersist.vendor.x = 1abc\nother=2\n");
-    setenv("TALMEM_PROPERTIES", file.c_str(), 1);
-    EXPECT_EQ(property_get("persist.vendor.x", value, "0"), 4);
-    EXPECT_STREQ(value, "1abc");
-
-    TalHostSetProperty("persist.vendor.x", "0");
-    property_get("persist.vendor.x", value, "");
-    EXPECT_STREQ(value, "0") << "because an in-process value overrides the file";
-    TalHostClearProperties();
-    property_get("persist.vendor.x", value, "");
-    EXPECT_STREQ(value, "1abc");
-}
-
-TEST_F(TalLogTest, DevicePath_PrefixedWithRootOnlyWhenSet)
-{
-    EXPECT_EQ(qv::TalDevicePath("/odm/etc/camera/"), root_ + "/odm/etc/camera/");
-    unsetenv("TALMEM_ROOT");
-    EXPECT_EQ(qv::TalDevicePath("/odm/etc/camera/"), "/odm/etc/camera/");
-    setenv("TALMEM_ROOT", root_.c_str(), 1);
-}
-
-TEST_F(TalLogTest, SecureFunctions_RejectOverflowAndReportTruncation)
-{
-    char buf[8];
-    EXPECT_EQ(memset_s(buf, sizeof(buf), 'a', sizeof(buf)), 0);
-    EXPECT_NE(memset_s(nullptr, 8, 0, 8), 0);
-    EXPECT_NE(memset_s(buf, sizeof(buf), 0, sizeof(buf) + 1), 0);
-    EXPECT_EQ(snprintf_s(buf, sizeof(buf), sizeof(buf) - 1, "%d", 1234), 4);
-    EXPECT_STREQ(buf, "1234");
-    EXPECT_EQ(snprintf_s(buf, sizeof(buf), sizeof(buf) - 1, "%s", "123456789"), -1);
-    EXPECT_EQ(snprintf_s(buf, sizeof(buf), 3, "%s", "12345"), -1)
-        << "because count limits the output below the buffer size";
-    EXPECT_EQ(strncpy_s(buf, sizeof(buf), "abc", 3), 0);
-    EXPECT_STREQ(buf, "abc");
-    EXPECT_NE(strncpy_s(buf, sizeof(buf), "abcdefghij", 10), 0);
-    EXPECT_STREQ(buf, "");
-    int v = 0;
-    EXPECT_EQ(sscanf_s("42kB", "%d", &v), 1);
-    EXPECT_EQ(v, 42);
+    TAL_LOGW_FOR("FlushCacheLocal", "%s: x\n", "FlushCacheLocal");
+    auto lines = LogCapture::Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_WARN);
+    EXPECT_NE(lines[0].text.find("] TalLogTest.cpp:"), std::string::npos);
+    EXPECT_NE(lines[0].text.find(" FlushCacheLocal() FlushCacheLocal: x\n"), std::string::npos)
+        << lines[0].text;
 }
 
 } // namespace
