@@ -38,7 +38,7 @@ fi
 OVERLAY="${ARM_OVERLAY:-$(cd "$(dirname "$0")/.." && pwd)/build/armhf-overlay}"
 if [ ! -e "$OVERLAY/usr/lib/p7zip/7z.so" ]; then
   mkdir -p "$OVERLAY" "$OVERLAY.dl"
-  (cd "$OVERLAY.dl" && apt-get download p7zip-full:armhf >/dev/null)
+  (cd "$OVERLAY.dl" && apt-get -o APT::Sandbox::User=root download p7zip-full:armhf >/dev/null)
   dpkg -x "$OVERLAY.dl"/p7zip-full_*_armhf.deb "$OVERLAY"
   rm -rf "$OVERLAY.dl"
 fi
