@@ -1,21 +1,22 @@
 #ifndef TALMEM_TESTS_POOL_POOLTESTUTIL_H
 #define TALMEM_TESTS_POOL_POOLTESTUTIL_H
 
-// Shared fixture of the pool manager tests: an initialised TalMemPoolImpl in
-// its own device root, with small pools (memory is real shared memory).
+// Fixture of the pool manager tests: an initialised TalMemPoolImpl over real
+// shared memory, whose destruction must give back every buffer it held.
 
 #include "TalTestSupport.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <string>
+#include <memory>
 
+#include "CameraBufferInterface.h"
 #include "chunk/TalMemChunk.h"
 #include "pool/TalMemPoolImpl.h"
 
 namespace pool_test {
 
 using qv::TalMemChunk;
+using qv::TalMemPoolImpl;
 using talmem_test::LogCapture;
 
 constexpr uint32_t kMiB = 1024 * 1024;
@@ -23,14 +24,11 @@ constexpr uint32_t kMiB = 1024 * 1024;
 inline std::string Hex(unsigned long long value)
 {
     char buf[32];
-    snprintf(buf, sizeof(buf), "%llx", value);
+    snprintf(buf, sizeof(buf), "%llx", value & 0xFFFFFF);
     return buf;
 }
 
-inline uintptr_t AddrOf(TalMemChunk* chunk)
-{
-    return reinterpret_cast<uintptr_t>(chunk->GetAddr());
-}
+inline uintptr_t AddrOf(TalMemChunk* chunk) { return reinterpret_cast<uintptr_t>(chunk->GetAddr()); }
 
 class PoolTest : public talmem_test::TalTest {
 protected:
@@ -40,21 +38,24 @@ protected:
         ASSERT_EQ(impl.PoolInit(), 0);
         LogCapture::Clear();
     }
-
+    void TearDown() override
+    {
+        owner_.reset();
+        EXPECT_EQ(QvCamera::CameraBufferInterface::GetHeldBytes(), held_) << "because destruction frees all";
+        TalTest::TearDown();
+    }
     static TalMemChunk* Chunk(qv::TalChunkMap& map, uintptr_t addr)
     {
         auto it = map.find(reinterpret_cast<void*>(addr));
         return it == map.end() ? nullptr : it->second;
     }
-
-    // The pool with this id, or null; the pool ids front to back.
     TalMemChunk* Pool(int32_t id)
     {
-        auto it = std::find_if(impl.poolChunkList.begin(), impl.poolChunkList.end(),
-                               [id](TalMemChunk* pool) { return pool->poolId == id; });
-        return it == impl.poolChunkList.end() ? nullptr : *it;
+        auto& list = impl.poolChunkList;
+        auto it = std::find_if(list.begin(), list.end(), [id](TalMemChunk* p) { return p->poolId == id; });
+        return it == list.end() ? nullptr : *it;
     }
-    std::string PoolIds()
+    std::string PoolIds() // front to back
     {
         std::string ids;
         for (TalMemChunk* pool : impl.poolChunkList) {
@@ -62,15 +63,14 @@ protected:
         }
         return ids;
     }
-
     uintptr_t AllocSize(uint32_t size, int32_t type = 0, const std::string& algo = "algo")
     {
         return impl.Alloc(size, "mod", nullptr, algo, type);
     }
 
-    int UsedNum(int32_t id) { return impl.talMem.GetUsedNum(AddrOf(Pool(id))); }
-
-    qv::TalMemPoolImpl impl;
+    const uint64_t held_ = QvCamera::CameraBufferInterface::GetHeldBytes();
+    std::unique_ptr<TalMemPoolImpl> owner_{new TalMemPoolImpl()};
+    TalMemPoolImpl& impl = *owner_;
 };
 
 } // namespace pool_test

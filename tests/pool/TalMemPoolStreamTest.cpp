@@ -1,30 +1,24 @@
-// Stream events, post-processing state and control commands of the pool
-// manager.
+// Post-processing state and the control commands of the pool manager.
 
 #include "PoolTestUtil.h"
 
-using pool_test::AddrOf;
-using pool_test::Hex;
-using pool_test::kMiB;
-using talmem_test::LogCapture;
+using namespace pool_test;
 
 namespace {
 
-using TalMemPoolStreamTest = pool_test::PoolTest;
+using TalMemPoolStreamTest = PoolTest;
 
 TEST_F(TalMemPoolStreamTest, PPState_CrossingNeedsTwoTypesInStateTwoAndBadValuesChangeNothing)
 {
     impl.UpdatePPState(4, 1);
     impl.UpdatePPState(0, 6);
     EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "QvCamMem UpdatePPState, ERROR! ppType 4 \n"));
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "QvCamMem UpdatePPState, ERROR! ppType 6 \n"))
-        << "because the state is checked first and printed with the same text";
+    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "QvCamMem UpdatePPState, ERROR! ppType 6 \n"));
     EXPECT_EQ(impl.ppState[0] + impl.ppState[1] + impl.ppState[2] + impl.ppState[3], 0);
-    const std::pair<int, bool> steps[] = {{0, false}, {1, true}, {0, true}, {1, false}};
-    const int states[] = {2, 2, 1, 1}; // type 1 still in state 2 keeps the crossing
-    for (int i = 0; i < 4; ++i) {
-        impl.UpdatePPState(steps[i].first, states[i]);
-        EXPECT_EQ(impl.ppCrossing, steps[i].second) << "step " << i;
+    const int steps[][3] = {{0, 2, false}, {1, 2, true}, {0, 1, true}, {1, 1, false}}; // type, state, crossing
+    for (const auto& s : steps) {
+        impl.UpdatePPState(s[0], s[1]);
+        EXPECT_EQ(impl.ppCrossing, s[2] != 0) << s[0] << " " << s[1];
     }
     EXPECT_EQ(LogCapture::CountContaining("UpdatePPCrossing ppCrossing changed to "), 2);
     impl.ClearPPState(2);
@@ -32,38 +26,46 @@ TEST_F(TalMemPoolStreamTest, PPState_CrossingNeedsTwoTypesInStateTwoAndBadValues
     EXPECT_EQ(impl.ppState[1], 1u);
 }
 
-TEST_F(TalMemPoolStreamTest, ReleaseCommands_TryPoolIdsByCountAndKeepPoolsInUse)
+TEST_F(TalMemPoolStreamTest, ControlCommands_ReleaseIdlePoolsByIdCountAndIdlePreviewChunks)
 {
-    for (int id : {1, 2, 3}) {
-        ASSERT_EQ(impl.PoolCreateImpl(kMiB, id, id == 1 ? "PP:BASE_POOL" : "PP:MULTI_POOL"), 0);
+    const struct {
+        const char* pools; // created in this order; pool 2 holds an allocation when inUse
+        bool inUse;
+        int32_t cmd, video;
+        const char* left;
+    } cases[] = {
+        {"123", false, 3, 0, "3 2 1 "}, {"123", true, 1, 0, "2 1 "}, {"123", true, 3, 1, "2 "},
+        {"23", false, 3, 1, "3 "}, // two pools: only ids 1 and 2 are tried
+        {"123", false, 3, 1, ""},  // the count is taken before the first release
+    };
+    for (const auto& c : cases) {
+        for (const char* id = c.pools; *id != '\0'; ++id) {
+            ASSERT_EQ(impl.PoolCreateImpl(kMiB, *id - '0', "PP:MULTI_POOL"), 0);
+        }
+        const uintptr_t held = c.inUse ? impl.talMem.Alloc(AddrOf(Pool(2)), 4096) : 0;
+        impl.MemPoolCtrl(c.cmd, c.video != 0 ? &c.video : nullptr);
+        EXPECT_EQ(PoolIds(), c.left) << c.pools << " cmd " << c.cmd;
+        if (held != 0) {
+            impl.talMem.Free(AddrOf(Pool(2)), held);
+        }
+        for (int id = 1; id <= 3; ++id) {
+            impl.PoolDestroyImpl(id);
+        }
     }
-    uintptr_t inPool2 = impl.talMem.Alloc(AddrOf(Pool(2)), 4096);
-    ASSERT_NE(inPool2, 0u);
-    impl.MemPoolCtrl(3, nullptr);
-    EXPECT_EQ(PoolIds(), "3 2 1 ") << "because a video state of 0 releases nothing";
-    impl.MemPoolCtrl(1, nullptr);
-    EXPECT_EQ(PoolIds(), "2 1 ") << "because pool 2 is in use";
-    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "QvCamMem PoolDestroyImpl, release poolId 3\n"));
-    int32_t video = 1;
-    impl.MemPoolCtrl(3, &video);
-    EXPECT_EQ(PoolIds(), "2 ");
-    impl.talMem.Free(AddrOf(Pool(2)), inPool2);
-    ASSERT_EQ(impl.PoolCreateImpl(kMiB, 3, "PP:MULTI_POOL"), 0);
-    impl.MemPoolCtrl(3, &video);
-    EXPECT_EQ(PoolIds(), "3 ") << "because with two pools only ids 1 and 2 are tried";
-    ASSERT_EQ(impl.PoolCreateImpl(kMiB, 1, "PP:BASE_POOL") + impl.PoolCreateImpl(kMiB, 2, "x"), 0);
-    impl.MemPoolCtrl(3, &video);
-    EXPECT_EQ(PoolIds(), "") << "because the count is taken before the first release";
-    ASSERT_EQ(impl.PoolCreateImpl(kMiB, 3, "PP:MULTI_POOL"), 0);
 
-    // The first byte of a pool is the pool's for cache commands.
-    const uintptr_t base = AddrOf(Pool(3));
-    EXPECT_EQ(impl.MemPoolCacheSync(2, base, 4096), 0);
-    uintptr_t prev = AllocSize(2 * kMiB, 1);
+    const uintptr_t prev = AllocSize(kMiB, 1);
+    impl.Free(AllocSize(2 * kMiB, 1));
+    impl.MemPoolCtrl(2, nullptr);
+    EXPECT_EQ(impl.sysPrevMcMap.size(), 1u) << "because only idle preview chunks go";
+    EXPECT_EQ(impl.prevAllNeedPeak, kMiB) << "because the command resets the peak";
+
+    // A cache command takes a pool's first byte as the pool's, unlike Free.
+    ASSERT_EQ(impl.PoolCreateImpl(kMiB, 1, "PP:BASE_POOL"), 0);
+    EXPECT_EQ(impl.MemPoolCacheSync(2, AddrOf(Pool(1)), 4096), 0);
     impl.Free(prev);
     EXPECT_EQ(impl.MemPoolCacheSync(3, prev, 4096), -1);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "QvCamMem enter SysAllocCacheSync(2) cmd 3 pAddr 0x" +
-                                              Hex(prev & 0xFFFFFF) + " had been released\n"));
+    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "QvCamMem enter SysAllocCacheSync(2) cmd 3 pAddr 0x" + Hex(prev) +
+                                              " had been released\n"));
 }
 
 } // namespace
