@@ -24,6 +24,10 @@ struct TalMemPoolStatus {
     uint32_t freeNodeNum;
 };
 
+// Receives each failure of TalMemCheckPool: what is wrong and where, as an
+// offset from the pool start.
+using TalMemCheckReport = void (*)(const char* what, uintptr_t offset, void* user);
+
 class TalMemImpl {
 public:
     TalMemImpl() = default;
@@ -69,6 +73,15 @@ public:
     void TalMemCheckFatalAddr(uintptr_t pool);
 
     bool FatalErrorExit() const { return mFatalErrorExit; }
+
+    // Number of broken invariants of a formatted pool: the nodes must tile
+    // the space from the first node to the end node with agreeing prevNode
+    // links, no two free nodes may be adjacent, every free node must be on
+    // the list of its size class and on no other, and the header counters
+    // must equal the sums of the walk. Logs nothing; each failure goes to
+    // `report` when given. Stops at a header it cannot step over.
+    static int TalMemCheckPool(const TalMemPoolInfo* pool, TalMemCheckReport report = nullptr,
+                               void* user = nullptr);
 
     // ---- internal steps, public so that tests can drive them one by one ----
 
