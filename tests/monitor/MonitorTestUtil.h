@@ -1,14 +1,11 @@
 #ifndef TALMEM_TESTS_MONITOR_MONITORTESTUTIL_H
 #define TALMEM_TESTS_MONITOR_MONITORTESTUTIL_H
 
-// Shared pieces of the monitor tests: read access to the monitor's state, a
-// pool manager whose monitor is bound to its containers, real chunks with the
-// attributes the pool manager gives them, and builders of the status lines.
+// Shared pieces of the monitor tests: read access to the monitor's state,
+// builders of the status lines, and a fixture with real chunks.
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
-#include <initializer_list>
 #include <list>
 #include <memory>
 #include <string>
@@ -25,25 +22,23 @@ namespace qv {
 class TalMemPoolMonitorPeer {
 public:
     explicit TalMemPoolMonitorPeer(TalMemPoolMonitor& monitor) : m(monitor) {}
-    // Pool status, then the snapshot account, each in declaration order.
-    std::vector<unsigned int> pool() const { return {m.allSize, m.SysSize, m.allNum, m.SysNum, m.allSizePeak}; }
+    // The snapshot account in declaration order.
     std::vector<unsigned int> snap() const
     {
-        return {m.totalSize,    m.peakSize,    m.peakSizeRatio,     m.snapInPoolSize,      m.snapSysSize,
-                m.sysSizePeak,  m.snapSysNum,  m.totalNum,          m.sosAllSize,          m.sosAllNum,
-                m.frameAllSize, m.frameAllNum, m.snapSizeSos2Frame, m.snapSysSizeSos2Frame};
+        return {m.totalSize,  m.peakSize, m.peakSizeRatio, m.snapInPoolSize, m.snapSysSize,  m.sysSizePeak,
+                m.snapSysNum, m.totalNum, m.sosAllSize,    m.sosAllNum,      m.frameAllSize, m.frameAllNum,
+                m.snapSizeSos2Frame, m.snapSysSizeSos2Frame};
     }
-    unsigned int used(int t) const { return m.usedSizeByType[t]; }
-    unsigned int leaked(int t) const { return m.mLeakedSizeByType[t]; }
+    std::vector<unsigned int> pool() const { return {m.allSize, m.SysSize, m.allNum, m.SysNum, m.allSizePeak}; }
     int& ref(int t) { return m.allocatorRef[t]; }
     const std::list<TalMemChunk*>& leakList() const { return m.leakChunkList; }
     size_t peakListSize() const { return m.peakSizeMemChunkList.size(); }
     const std::list<AlgoMemInfo>& algoList(int t) const { return m.algoInfoList[t]; }
     const AlgoMemInfo* algo(int t, const std::string& name) const
     {
-        auto& list = m.algoInfoList[t];
-        auto it = std::find_if(list.begin(), list.end(), [&](auto& i) { return name == i.algoName; });
-        return it == list.end() ? nullptr : &*it;
+        const auto& l = m.algoInfoList[t];
+        auto it = std::find_if(l.begin(), l.end(), [&](const AlgoMemInfo& i) { return name == i.algoName; });
+        return it == l.end() ? nullptr : &*it;
     }
 
 private:
@@ -57,6 +52,7 @@ namespace monitor_test {
 using qv::TalMemChunk;
 using talmem_test::LogCapture;
 using Counters = std::vector<unsigned int>;
+using Lines = std::vector<std::string>;
 
 constexpr uint32_t kMiB = 1u << 20;
 constexpr int kCapture = 0, kPreview = 1, kOthers = 2;
@@ -64,13 +60,11 @@ constexpr auto kPoolAlloc = qv::TAL_MEM_MONITOR_POOL_ALLOC, kSysAlloc = qv::TAL_
 constexpr auto kPoolFree = qv::TAL_MEM_MONITOR_POOL_FREE, kSysFree = qv::TAL_MEM_MONITOR_SYS_FREE;
 constexpr auto kSos = qv::TAL_MEM_MONITOR_SOS, kFrame = qv::TAL_MEM_MONITOR_FRAME, kEos = qv::TAL_MEM_MONITOR_EOS;
 
-inline std::string Fmt(const char* fmt, ...)
+template <typename... Args>
+std::string Fmt(const char* fmt, Args... args)
 {
     char buf[512]; // the lines under test are far shorter
-    va_list args;
-    va_start(args, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, args);
-    va_end(args);
+    snprintf(buf, sizeof(buf), fmt, args...);
     return buf;
 }
 inline unsigned long Masked(const void* addr) { return reinterpret_cast<uintptr_t>(addr) & 0xFFFFFFu; }
@@ -78,16 +72,14 @@ inline unsigned long Masked(const void* addr) { return reinterpret_cast<uintptr_
 inline ::testing::AssertionResult Once(const std::string& message, int prio = ANDROID_LOG_DEBUG)
 {
     const int n = LogCapture::Count(prio, message);
-    return n == 1 ? ::testing::AssertionSuccess()
-                  : ::testing::AssertionFailure() << n << " times: " << message << LogCapture::Dump();
+    return n == 1 ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << n << "x " << LogCapture::Dump();
 }
-
-// The captured messages, in order, without their prefixes.
-inline std::vector<std::string> Messages()
+// The captured messages in order; `withPriority` puts the priority in front ("6 QvCamMem ...").
+inline Lines Messages(bool withPriority = false)
 {
-    std::vector<std::string> out;
-    for (const auto& line : LogCapture::Lines()) {
-        out.push_back(line.message);
+    Lines out;
+    for (const auto& l : LogCapture::Lines()) {
+        out.push_back(withPriority ? std::to_string(l.priority) + " " + l.message : l.message);
     }
     return out;
 }
@@ -105,10 +97,9 @@ inline std::string PoolLine(const char* type, const char* algo, const char* sign
 inline std::string SnapLine(const char* type, const char* algo, const char* sign, unsigned size, unsigned total,
                             unsigned num, unsigned sys, unsigned sysN, long peak = -1, unsigned ratio = 0)
 {
-    std::string tail = peak < 0 ? "" : Fmt("peakSize:%-10ld\t peakSizeRatio:%u\t ", peak, ratio);
     return Fmt("QvCamMem SnapShotStatus %-10s\t algoName:%-15s\t algoSize:%s%-10u\t totalSize:%-10u\t "
-               "totalNum:%-3u\t SysSize:%-10u\t SysNum:%-3u\t %s\n",
-               type, algo, sign, size, total, num, sys, sysN, tail.c_str());
+               "totalNum:%-3u\t SysSize:%-10u\t SysNum:%-3u\t %s\n", type, algo, sign, size, total, num, sys, sysN,
+               peak < 0 ? "" : Fmt("peakSize:%-10ld\t peakSizeRatio:%u\t ", peak, ratio).c_str());
 }
 // The Frame and EOS line.
 inline std::string StreamLine(const char* type, unsigned total, unsigned num, unsigned sys, unsigned sysN,
@@ -118,63 +109,35 @@ inline std::string StreamLine(const char* type, unsigned total, unsigned num, un
                "snapSizeSos2Frame:%-10u\t sysSizePeak:%-10u\t peakSizeRatio:%u\t\n",
                type, total, num, sys, sysN, sos2Frame, sysPeak, ratio);
 }
-inline std::string SosLine(unsigned captureType, unsigned captureUsed, unsigned all, unsigned num, unsigned sys,
-                           unsigned sysN)
-{
-    return Fmt("QvCamMem PoolStatus SOS       \t totalCaptureUsed:%-10u\t captureUsed:%-10u\t allSize:%-10u\t "
-               "allNum:%u\t SysSize:%-10u\t SysNum:%u\t\n",
-               captureType, captureUsed, all, num, sys, sysN);
-}
 
-// Fixture: a pool manager (no configuration, no pools) whose monitor is bound
-// to its pool list and preview-reuse map as PoolInit binds it.
+// Fixture: a pool manager without pools whose monitor is bound as PoolInit binds it.
 class MonitorTest : public talmem_test::TalTest {
 protected:
-    void SetUp() override
+    void SetUp() override { TalTest::SetUp(); Reset(); }
+    void TearDown() override { impl_.reset(); owned_.clear(); TalTest::TearDown(); }
+    // A fresh manager and monitor; the monitor reads the properties set so far.
+    void Reset()
     {
-        TalTest::SetUp();
-        Reset();
-    }
-    void TearDown() override
-    {
-        impl_.reset();
-        owned_.clear(); // newest first: carved records before their pool chunk
-        TalTest::TearDown();
-    }
-    // A fresh manager and monitor, bound; the monitor reads the properties set so far.
-    void Reset(const char* propertyOn = nullptr)
-    {
-        if (propertyOn != nullptr) {
-            TalHostSetProperty(propertyOn, "1");
-        }
         impl_.reset(new qv::TalMemPoolImpl());
         LogCapture::Clear();
         ASSERT_EQ(0, monitor().PoolMonitorInit(impl_->poolChunkList, impl_->sysPrevMcMap));
     }
-
-    // A direct chunk as the manager makes one by size: a camera buffer, or a
-    // heap block for large sizes. A nonzero `poolId` makes it a pool chunk.
+    // A chunk as the manager makes one by size: a camera buffer, or a heap
+    // block for large sizes. A nonzero `poolId` makes it a pool chunk.
     TalMemChunk* Direct(uint32_t size, int type, const std::string& algo, bool camera = false,
                         const std::string& module = "mod", int32_t poolId = 0)
     {
-        return Make(new TalMemChunk(size, 1, 0, camera ? 0 : 1, "PP:" + algo, 1), poolId, type, algo, module);
-    }
-    TalMemChunk* CameraPool(uint32_t size, int32_t poolId = 1) { return Direct(size, 0, "pool", true, "mod", poolId); }
-    // A record of `size` bytes carved at `offset` of `pool`, as PoolAlloc makes it.
-    TalMemChunk* Carved(TalMemChunk* pool, uint32_t offset, uint32_t size, int type, const std::string& algo,
-                        const std::string& module = "mod")
-    {
-        TalMemChunk* c = Make(new TalMemChunk(size, 0, 0, 0, "PP:" + algo, 1), pool->poolId, type, algo, module);
-        c->CfgMemChunk(pool->GetIBuf(), offset, size, algo);
+        owned_.emplace_back(new TalMemChunk(size, 1, 0, camera ? 0 : 1, "PP:" + algo, 1));
+        TalMemChunk* c = owned_.back().get();
+        EXPECT_EQ(0, c->Init());
+        c->poolId = poolId, c->streamState = impl_->streamState, c->inUse = 1;
+        c->SetModuleName(module);
+        c->SetAlgoName(algo);
+        c->SetAllocateType(type);
         return c;
     }
     // A pool backing chunk without memory (only its size counts), owned by the manager.
-    void AddPool(uint32_t size)
-    {
-        impl_->poolChunkList.push_back(new TalMemChunk(size, 0, 0, 0, "Unknown", 1));
-        impl_->poolChunkList.back()->poolId = 1;
-    }
-
+    void AddPool(uint32_t size) { impl_->poolChunkList.push_back(new TalMemChunk(size, 0, 0, 0, "Unknown", 1)); }
     void Event(qv::TAL_MEM_MONITOR_TYPE type, TalMemChunk* c = nullptr) { monitor().UpdateMemoryStatus(type, c); }
     void Alloc(std::initializer_list<TalMemChunk*> cs) { Each(cs, kPoolAlloc, kSysAlloc); }
     void Free(std::initializer_list<TalMemChunk*> cs) { Each(cs, kPoolFree, kSysFree); }
@@ -186,32 +149,12 @@ protected:
     }
     void Stream(uint32_t state) { impl_->streamState = state; }
     // SOS then Frame, with the capture status the manager sets for each.
-    void StartStream()
-    {
-        Stream(1);
-        Event(kSos);
-        Stream(2);
-        Event(kFrame);
-    }
+    void StartStream() { Stream(1); Event(kSos); Stream(2); Event(kFrame); }
     qv::TalMemPoolMonitor& monitor() { return impl_->monitor; }
     qv::TalMemPoolMonitorPeer peer() { return qv::TalMemPoolMonitorPeer(impl_->monitor); }
 
     std::unique_ptr<qv::TalMemPoolImpl> impl_;
-    std::list<std::unique_ptr<TalMemChunk>> owned_;
-
-private:
-    TalMemChunk* Make(TalMemChunk* c, int32_t poolId, int type, const std::string& algo, const std::string& module)
-    {
-        EXPECT_EQ(0, c->Init());
-        owned_.emplace_front(c);
-        c->poolId = poolId;
-        c->streamState = impl_->streamState;
-        c->inUse = 1;
-        c->SetModuleName(module);
-        c->SetAlgoName(algo);
-        c->SetAllocateType(type);
-        return c;
-    }
+    std::vector<std::unique_ptr<TalMemChunk>> owned_;
 };
 
 } // namespace monitor_test
