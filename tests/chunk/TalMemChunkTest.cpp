@@ -1,22 +1,26 @@
+// Chunks and the descriptor they fill: usage, ids, both accessor sets with
+// their checks and messages, heap blocks, page-rounded cache calls, release.
 #include <fcntl.h>
 
-#include <cstring>
+#include <regex>
 
-#include "FakeCameraBuffer.h"
+#include "CameraBufferInterface.h"
+#include "TalTestSupport.h"
 #include "chunk/TalMemChunk.h"
+#include "interface/Adapter.h"
 #include "interface/TalIbufImpl.h"
 
-using QvCamera::CameraBufferInterface;
 using qv::TalMemChunk;
 using talmem_test::LogCapture;
 using Calls = std::vector<std::string>;
+using U64s = std::vector<uint64_t>;
 
 namespace qv {
 // Swaps a chunk's buffer for a recording fake at the same CPU address and size.
 struct TalMemChunkTestPeer {
-    static std::shared_ptr<talmem_test::FakeCameraBuffer> Record(TalMemChunk& chunk)
+    template <typename Fake> static std::shared_ptr<Fake> Record(TalMemChunk& chunk)
     {
-        auto fake = std::make_shared<talmem_test::FakeCameraBuffer>();
+        auto fake = std::make_shared<Fake>();
         fake->cpuAddr = reinterpret_cast<uintptr_t>(chunk.info.buffer->GetCpuAddr());
         fake->size = chunk.info.buffer->GetSize();
         chunk.info.buffer = fake;
@@ -28,101 +32,73 @@ struct TalMemChunkTestPeer {
 
 namespace {
 
+// A camera buffer with fixed values (its device address encodes the device
+// type) that records every cache call ("flush", "flushRange(len,off)", ...).
+struct FakeCameraBuffer : QvCamera::ICameraBuffer {
+    uint32_t size = 8192, offset = 4096;
+    uintptr_t cpuAddr = 0x10000000;
+    uint64_t poolSize = 65536;
+    Calls calls;
+
+    uint32_t GetSize() const override { return size; }
+    uint32_t GetStride() const override { return 640; }
+    uint32_t GetSliceHeight() const override { return 480; }
+    uint64_t GetUsage() const override { return 0x1400801; }
+    uint32_t GetFormat() const override { return 0x101; }
+    int32_t GetShareFd() const override { return 77; }
+    void* GetCpuAddr() const override { return reinterpret_cast<void*>(cpuAddr); }
+    uint64_t GetIova(uint32_t type, uint32_t flags) const override { return flags ? 0 : 0x100000000 + type * 0x1000; }
+    uint32_t GetOffset() const override { return offset; }
+    uint64_t GetPoolSize() const override { return poolSize; }
+    int32_t InvalidateCache() override { return Record("invalidate"); }
+    int32_t FlushCache() override { return Record("flush"); }
+    int32_t InvalidateCacheRange(uint32_t l, uint32_t o) override { return Record("invalidate" + Range(l, o)); }
+    int32_t FlushCacheRange(uint32_t l, uint32_t o) override { return Record("flush" + Range(l, o)); }
+    std::string Range(uint32_t l, uint32_t o) { return "Range(" + std::to_string(l) + ',' + std::to_string(o) + ')'; }
+    int32_t Record(const std::string& call) { calls.push_back(call); return 0; }
+};
+
+// ERROR messages with the source line they carry ("Func(123)", "line = 123") cut out.
+Calls Errors()
+{
+    Calls out;
+    for (const talmem_test::LogLine& line : LogCapture::Lines()) {
+        if (line.priority == ANDROID_LOG_ERROR) {
+            out.push_back(std::regex_replace(line.message, std::regex("(\\(|line = )\\d+"), "$1",
+                                             std::regex_constants::format_first_only));
+        }
+    }
+    return out;
+}
+
 constexpr uint32_t kPage = 4096;
 int32_t gFirstId = -1; // id of the process's first chunk, taken before any test runs
 struct FirstIdEnv : ::testing::Environment {
-    void SetUp() override
-    {
-        TalMemChunk chunk(kPage, 1, 0, 0, "first", 1);
-        gFirstId = chunk.Init() == 0 ? chunk.GetUniqueId() : -1;
-    }
+    void SetUp() override { TalMemChunk c(kPage, 1, 0, 0, "first", 1); gFirstId = c.Init() ? -1 : c.GetUniqueId(); }
 };
 ::testing::Environment* const gEnv = ::testing::AddGlobalTestEnvironment(new FirstIdEnv);
 
-std::unique_ptr<TalMemChunk> Whole(uint32_t size)
+// A whole chunk, or with `parent` a record carved out of it as the pool manager makes one.
+std::unique_ptr<TalMemChunk> Make(uint32_t size, TalMemChunk* parent = nullptr, uint32_t offset = 0)
 {
-    auto chunk = std::make_unique<TalMemChunk>(size, 1, 0, 0, "whole", 1);
+    auto chunk = std::make_unique<TalMemChunk>(size, parent ? 0 : 1, 0, 0, "chunk", 1);
     EXPECT_EQ(chunk->Init(), 0);
-    return chunk;
-}
-
-// A record carved out of `parent` as the pool manager makes one.
-std::unique_ptr<TalMemChunk> Carve(TalMemChunk& parent, uint32_t offset, uint32_t size)
-{
-    auto chunk = std::make_unique<TalMemChunk>(size, 0, 0, 0, "carved", 1);
-    EXPECT_EQ(chunk->Init(), 0);
-    chunk->CfgMemChunk(parent.GetIBuf(), offset, size, "algo");
+    if (parent != nullptr) { chunk->CfgMemChunk(parent->GetIBuf(), offset, size, "algo"); }
     return chunk;
 }
 
 using TalMemChunkTest = talmem_test::TalTest;
 
-TEST_F(TalMemChunkTest, Constructors_InitialStateAndUsageFromLow12BitsOfSelector)
+// Usage from the low 12 bits of the selector; heap chunks have no descriptor
+// and no id; a record carved from nothing has no address; zero sizes fail.
+TEST_F(TalMemChunkTest, Construction_UsageInitialStateHeapBlocksAndInitFailures)
 {
-    for (const auto& c : {std::make_pair(0ull, 0x1000400801ull), {1ull, 0x1400400801ull},
-                          {0xFFFF00000002ull, 0x1800400801ull}, {0x1001ull, 0x1400400801ull}}) {
-        EXPECT_EQ(TalMemChunk(100, 0, c.first, 0, "n", 7).GetUsage(), c.second) << c.first;
+    for (const U64s& u : std::vector<U64s>{{0, 0x1000400801}, {0x1001, 0x1400400801}, {0xFFFF00000002, 0x1800400801}}) {
+        EXPECT_EQ(TalMemChunk(100, 0, u[0], 0, "n", 7).GetUsage(), u[1]) << u[0];
     }
     TalMemChunk s(5000, 1, 0, 0, "a", 3), f(640, 480, 35, 0x33, "b");
-    EXPECT_EQ(std::vector<uint64_t>({s.GetWidth(), s.GetHeight(), s.GetFormat(), s.GetUsedSize(), s.inUse,
-                                     f.GetWidth(), f.GetHeight(), f.GetFormat(), f.GetUsage(), f.GetSize(), f.inUse}),
-              std::vector<uint64_t>({5000, 1, 257, 5000, 1, 640, 480, 35, 0x33, 0, 0}));
-    EXPECT_EQ(s.GetAlgoName() + s.GetModuleName() + f.GetAlgoName(), "unknownunknownunknown");
-    EXPECT_TRUE(s.GetAddr() == nullptr && f.GetAddr() == nullptr) << "because the descriptor is empty";
-}
-
-TEST_F(TalMemChunkTest, UniqueIds_FromOneSharedBySplitsRenewedOnlyAtOffsetZero)
-{
-    EXPECT_EQ(gFirstId, 1) << "because the counter is incremented before it is read";
-    auto parent = Whole(4 * kPage);
-    auto other = Whole(kPage);
-    auto inside = Carve(*parent, 2 * kPage, kPage);
-    int32_t old = parent->GetUniqueId();
-    EXPECT_EQ(other->GetUniqueId(), old + 1);
-    EXPECT_EQ(inside->GetIBuf()->getBufId(inside->GetIBuf()), old) << "because a split shares the id";
-    parent->ReCfgUniqueId();
-    inside->ReCfgUniqueId();
-    EXPECT_TRUE(parent->GetUniqueId() == old + 2 && inside->GetUniqueId() == old);
-    EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "ReCfgUniqueId: uniqueId " + std::to_string(old + 2) + "\n"));
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "ReCfgUniqueId: offset 8192 not support\n"));
-}
-
-TEST_F(TalMemChunkTest, Accessors_WholeAndCarvedThenReleaseWithTheLastOwner)
-{
-    uint64_t held = CameraBufferInterface::GetHeldBytes();
-    auto pool = Whole(5 * kPage - 100);
-    auto carved = Carve(*pool, 2 * kPage, 2 * kPage);
-    const qva_ibuf* p = pool->GetIBuf();
-    const qva_ibuf* c = carved->GetIBuf();
-    auto* buf = static_cast<QvCamera::ICameraBuffer*>(p->getGraphicBuf(p));
-    ASSERT_TRUE(buf != nullptr && c->graphicBuf != nullptr && c->graphicBuf != buf);
-    auto* base = static_cast<uint8_t*>(pool->GetAddr());
-    EXPECT_TRUE(base == buf->GetCpuAddr() && carved->GetAddr() == base + 2 * kPage);
-    EXPECT_EQ(std::vector<uint64_t>({pool->GetSize(), p->getSize(p), p->getPoolSize(p), p->getOffset(p),
-                                     c->getSize(c), c->getPoolSize(c), c->getOffset(c)}),
-              std::vector<uint64_t>({5 * kPage - 100, 5 * kPage, 5 * kPage, 0, 2 * kPage, 5 * kPage, 2 * kPage}));
-    EXPECT_EQ(std::vector<uint64_t>({(uint64_t)p->getShareFD(p), (uint64_t)c->getShareFD(c), p->getIOVA(p),
-                                     c->getIOVA(c), c->getDevIOVA(c, BUF_DEV_TYPE_NPU), p->getStride(p),
-                                     p->getSliceHeight(p), c->getStride(c), c->getSliceHeight(c)}),
-              std::vector<uint64_t>({(uint64_t)buf->GetShareFd(), (uint64_t)buf->GetShareFd(), buf->GetIova(0x100, 0),
-                                     buf->GetIova(0x100, 0) + 2 * kPage, buf->GetIova(6, 0) + 2 * kPage,
-                                     buf->GetStride(), buf->GetSliceHeight(), 2 * kPage, 0}));
-    memset(carved->GetAddr(), 0x5A, 2 * kPage);
-    EXPECT_EQ(base[2 * kPage - 1] * 256 + base[2 * kPage], 0x5A) << "because a split is a view";
-    EXPECT_EQ(LogCapture::Lines().size(), 0u) << LogCapture::Dump();
-
-    int fd = p->getShareFD(p);
-    auto callerCopy = static_cast<qv::MemChunkInfo*>(p->priv)->buffer;
-    carved.reset();
-    pool.reset();
-    EXPECT_EQ(CameraBufferInterface::GetHeldBytes(), held + 5 * kPage) << "because a caller holds a copy";
-    callerCopy.reset();
-    EXPECT_EQ(CameraBufferInterface::GetHeldBytes(), held);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "because the last owner closes the share fd";
-}
-
-TEST_F(TalMemChunkTest, HeapAndEmptyChunks_NoDescriptorNoIdAndInitFailures)
-{
+    EXPECT_EQ(U64s({s.GetWidth(), s.GetFormat(), s.GetUsedSize(), s.inUse, f.GetWidth(), f.GetUsage(), f.inUse}),
+              U64s({5000, 257, 5000, 1, 640, 0x33, 0}));
     TalMemChunk heap(100, 1, 0, 1, "heap", 1), empty(kPage, 0, 0, 0, "carved", 1);
     ASSERT_TRUE(heap.Init() == 0 && empty.Init() == 0);
     memset(heap.GetAddr(), 0xA5, 100); // the sanitizer checks the block has 100 bytes
@@ -130,75 +106,143 @@ TEST_F(TalMemChunkTest, HeapAndEmptyChunks_NoDescriptorNoIdAndInitFailures)
     EXPECT_EQ(heap.FlushCacheLocal(reinterpret_cast<uintptr_t>(heap.GetAddr()), 1), -1);
     empty.CfgMemChunk(nullptr, 0, kPage, "algo");
     EXPECT_EQ(empty.GetAddr(), nullptr);
-    EXPECT_EQ(LogCapture::Lines().size(), 0u) << "because both are silent";
-
     EXPECT_EQ(TalMemChunk(0, 1, 0, 1, "heap", 1).Init() + TalMemChunk(0, 0, 257, 0, "image").Init(), -2);
     EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "MemMalloc failed\n"));
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "Init malloc error memAllocType = 1 size = 0\n"));
-    EXPECT_EQ(talmem_test::CountNumbered("Alloc,line = ", ",alloc GraphicBuffer fail, return NULL!\n"), 1);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "Init malloc error memAllocType = 0 size = 0\n"));
-    EXPECT_EQ(LogCapture::Lines().size(), 4u) << LogCapture::Dump();
+    EXPECT_EQ(Errors(), Calls({"Init malloc error memAllocType = 1 size = 0\n",
+                               "Alloc,line = ,alloc GraphicBuffer fail, return NULL!\n",
+                               "Init malloc error memAllocType = 0 size = 0\n"}));
 }
 
-// Requests relative to the chunk's own start, widened to pages: the call made
-// ("flush" + suffix, "invalidate" + suffix), or both rejection messages and no
-// call at all.
+// Ids count from 1 and a carved record shares its parent's; it reports the buffer at its offset, its size as
+// stride and no slice height; the last owner's release closes the share fd and returns the bytes.
+TEST_F(TalMemChunkTest, WholeAndCarved_IdsAccessorsAndRelease)
+{
+    EXPECT_EQ(gFirstId, 1) << "because the counter is incremented before it is read";
+    const uint64_t held = QvCamera::CameraBufferInterface::GetHeldBytes();
+    auto pool = Make(5 * kPage - 100);
+    auto carved = Make(2 * kPage, pool.get(), 2 * kPage);
+    const int32_t id = pool->GetUniqueId();
+    const qva_ibuf *p = pool->GetIBuf(), *c = carved->GetIBuf();
+    auto* buf = static_cast<QvCamera::ICameraBuffer*>(p->getGraphicBuf(p));
+    ASSERT_TRUE(buf != nullptr && c->graphicBuf != nullptr && c->graphicBuf != buf);
+    auto* base = static_cast<uint8_t*>(pool->GetAddr());
+    EXPECT_TRUE(base == buf->GetCpuAddr() && carved->GetAddr() == base + 2 * kPage);
+    EXPECT_EQ(U64s({pool->GetSize(), p->getSize(p), p->getPoolSize(p), p->getStride(p), p->getSliceHeight(p)}),
+              U64s({5 * kPage - 100, 5 * kPage, 5 * kPage, buf->GetStride(), buf->GetSliceHeight()}));
+    EXPECT_EQ(U64s({c->getSize(c), c->getPoolSize(c), c->getOffset(c), (uint64_t)c->getBufId(c), c->getStride(c),
+                    c->getSliceHeight(c), (uint64_t)c->getShareFD(c), c->getDevIOVA(c, BUF_DEV_TYPE_NPU)}),
+              U64s({2 * kPage, 5 * kPage, 2 * kPage, (uint64_t)id, 2 * kPage, 0, (uint64_t)buf->GetShareFd(),
+                    buf->GetIova(6, 0) + 2 * kPage}));
+    pool->ReCfgUniqueId();
+    carved->ReCfgUniqueId();
+    EXPECT_TRUE(pool->GetUniqueId() == id + 1 && carved->GetUniqueId() == id) << "renewed only at offset 0";
+    EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "ReCfgUniqueId: uniqueId " + std::to_string(id + 1) + "\n"));
+    EXPECT_EQ(Errors(), Calls({"ReCfgUniqueId: offset 8192 not support\n"}));
+    const int fd = p->getShareFD(p);
+    carved.reset();
+    pool.reset();
+    EXPECT_EQ(QvCamera::CameraBufferInterface::GetHeldBytes(), held);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "because the last owner closes the share fd";
+}
+
+// Requests relative to the chunk's start, widened to pages: the call made ("flush" + suffix, "invalidate" +
+// suffix), or no call and both messages (the invalidate one lacks the space after "cacheSize").
 TEST_F(TalMemChunkTest, CacheLocal_RoundsToPagesPicksWholeOrRangeCallOrRejects)
 {
-    auto pool = Whole(4 * kPage);
-    auto whole = Whole(2 * kPage);
-    auto atZero = Carve(*pool, 0, kPage);
-    auto carved = Carve(*pool, kPage, 2 * kPage);
-    struct Case {
-        TalMemChunk* chunk;
-        uint32_t rel, size;
-        const char* call; // null: rejected with the two messages below
-        const char *flush = nullptr, *invalidate = nullptr;
-    };
-    const Case cases[] = {
-        {whole.get(), 0, 8192, ""},   {whole.get(), 0, 100, "Range(4096,0)"},
-        {whole.get(), 4000, 200, ""}, {whole.get(), 4096, 4096, "Range(4096,4096)"},
-        {atZero.get(), 0, 1, ""},     {carved.get(), 0, 1, "Range(4096,4096)"},
+    auto pool = Make(4 * kPage), whole = Make(2 * kPage);
+    auto atZero = Make(kPage, pool.get(), 0), carved = Make(2 * kPage, pool.get(), kPage);
+    const std::string range = "out of range cacheOffset ";
+    const struct { TalMemChunk* chunk; uint32_t rel, size; const char* call; std::string flush = ""; } cases[] = {
+        {whole.get(), 0, 100, "Range(4096,0)"},
+        {whole.get(), 4000, 200, ""},
+        {atZero.get(), 0, 1, ""},
         {carved.get(), 0, 8192, "Range(8192,4096)"},
-        {whole.get(), 0, 8193, nullptr, "FlushCacheLocal: invalid size 8193 memSize 8192 \n",
-         "InvalidateCacheLocal: invalid size 8193 memSize 8192 \n"},
-        {whole.get(), 4096, 5000, nullptr,
-         "FlushCacheLocal: out of range cacheOffset 4096 cacheSize 8192 memSize 8192 \n",
-         "InvalidateCacheLocal: out of range cacheOffset 4096 cacheSize8192 memSize 8192 \n"},
-        {whole.get(), 0, 0, nullptr, "FlushCacheLocal: out of range cacheOffset 0 cacheSize 0 memSize 8192 \n",
-         "InvalidateCacheLocal: out of range cacheOffset 0 cacheSize0 memSize 8192 \n"},
-        {carved.get(), 100, 8192, nullptr,
-         "FlushCacheLocal: out of range cacheOffset 4096 cacheSize 12288 memSize 8192 \n",
-         "InvalidateCacheLocal: out of range cacheOffset 4096 cacheSize12288 memSize 8192 \n"}};
-    for (const Case& c : cases) {
+        {whole.get(), 0, 8193, nullptr, "invalid size 8193 memSize 8192 \n"},
+        {whole.get(), 4096, 5000, nullptr, range + "4096 cacheSize 8192 memSize 8192 \n"},
+        {whole.get(), 0, 0, nullptr, range + "0 cacheSize 0 memSize 8192 \n"}};
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.rel << "+" << c.size);
         LogCapture::Clear();
-        auto fake = qv::TalMemChunkTestPeer::Record(*c.chunk);
-        uintptr_t vaddr = reinterpret_cast<uintptr_t>(c.chunk->GetAddr()) + c.rel;
-        EXPECT_EQ(c.chunk->FlushCacheLocal(vaddr, c.size) + c.chunk->InvalidateCacheLocal(vaddr, c.size),
-                  c.call ? 0 : -2);
-        std::string call = c.call ? c.call : "";
+        auto fake = qv::TalMemChunkTestPeer::Record<FakeCameraBuffer>(*c.chunk);
+        uintptr_t va = reinterpret_cast<uintptr_t>(c.chunk->GetAddr()) + c.rel;
+        EXPECT_EQ(c.chunk->FlushCacheLocal(va, c.size) + c.chunk->InvalidateCacheLocal(va, c.size), c.call ? 0 : -2);
+        const size_t sp = c.flush.find("cacheSize ");
+        const std::string inv = sp == std::string::npos ? c.flush : c.flush.substr(0, sp + 9) + c.flush.substr(sp + 10);
+        const std::string call = c.call ? c.call : "";
         EXPECT_EQ(fake->calls, c.call ? Calls({"flush" + call, "invalidate" + call}) : Calls());
-        auto lines = LogCapture::Lines();
-        ASSERT_EQ(lines.size(), c.call ? 0u : 2u) << LogCapture::Dump();
-        if (!c.call) {
-            EXPECT_NE(lines[0].text.find(" FlushCacheLocal() "), std::string::npos) << lines[0].text;
-            EXPECT_NE(lines[1].text.find(" InvalidateCacheLocal() "), std::string::npos) << lines[1].text;
-        }
-        EXPECT_TRUE(c.call || (Logged(ANDROID_LOG_ERROR, c.flush) && Logged(ANDROID_LOG_ERROR, c.invalidate)));
+        EXPECT_EQ(Errors(), c.call ? Calls() : Calls({"FlushCacheLocal: " + c.flush, "InvalidateCacheLocal: " + inv}));
     }
-    // The descriptor's own calls: the record's offset, not its size, picks
-    // the whole-buffer call; a carved record reports its own size.
+    // The descriptor's own calls: the record's offset, not its size, picks the whole-buffer call.
     for (TalMemChunk* chunk : {atZero.get(), carved.get()}) {
-        auto fake = qv::TalMemChunkTestPeer::Record(*chunk);
-        fake->size = 3 * kPage; // more than was carved
+        auto fake = qv::TalMemChunkTestPeer::Record<FakeCameraBuffer>(*chunk);
         const qva_ibuf* ib = chunk->GetIBuf();
-        bool atOffset = chunk == carved.get();
         EXPECT_EQ(ib->flushCache(ib) + ib->invalidateCache(ib), 2);
-        EXPECT_EQ(ib->getSize(ib), atOffset ? 2 * kPage : 3 * kPage);
-        EXPECT_EQ(fake->calls, atOffset ? Calls({"flushRange(8192,4096)", "invalidateRange(8192,4096)"})
-                                        : Calls({"flush", "invalidate"}));
+        EXPECT_EQ(fake->calls, chunk == atZero.get() ? Calls({"flush", "invalidate"})
+                                                     : Calls({"flushRange(8192,4096)", "invalidateRange(8192,4096)"}));
     }
+}
+
+class DescriptorTest : public talmem_test::TalTest {
+protected:
+    std::shared_ptr<FakeCameraBuffer> fake = std::make_shared<FakeCameraBuffer>();
+    qv::MemChunkInfo info{fake, 0, 4096, 0, 0, &info};
+    qva_ibuf ibuf = {};
+};
+
+// Each pool accessor on a null descriptor, a null record and an empty buffer returns its failure value with
+// one CHECK_VALID line, except the three that check only the descriptor and record. Device types 15 and up
+// map to 15 with a message (compared unsigned); the device address then fails its check too: two lines.
+TEST_F(DescriptorTest, PoolSet_FailedChecksAndInvalidDevTypesLogWithTheAccessorsName)
+{
+    const char* names[] = {"GetAddr", "GetIOVA", "GetSize", "GetShareFD", "InvalidateCache", "FlushCache", "GetStride",
+                           "GetSliceHeight", "GetDevIOVA", "GetPoolSize", "GetGraphicBuf", "GetOffset", "GetBufId"};
+    auto call = [](const qva_ibuf* b) {
+        return std::vector<int64_t>{!!qv::TalGetAddr(b), (int64_t)qv::TalGetIOVA(b), qv::TalGetSize(b),
+            qv::TalGetShareFD(b), qv::TalInvalidateCache(b), qv::TalFlushCache(b), qv::TalGetStride(b),
+            qv::TalGetSliceHeight(b), (int64_t)qv::TalGetDevIOVA(b, BUF_DEV_TYPE_ISP), qv::TalGetPoolSize(b),
+            !!qv::TalGetGraphicBuf(b), qv::TalGetOffset(b), qv::TalGetBufId(b)};
+    };
+    qv::MemChunkInfo empty;
+    qva_ibuf noRecord = {}, emptyBuf = {};
+    qv::TalConvert2IBuf(emptyBuf, empty);
+    for (const auto& c : {std::make_pair((const qva_ibuf*)nullptr, 13), {&noRecord, 13}, {&emptyBuf, 10}}) {
+        LogCapture::Clear();
+        EXPECT_EQ(call(c.first), std::vector<int64_t>({0, 0, 0, -1, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+        Calls expected(names, names + c.second);
+        for (std::string& e : expected) { e = "Tal" + e + "(): CHECK_VALID error\n"; }
+        EXPECT_EQ(Errors(), expected);
+    }
+    LogCapture::Clear();
+    EXPECT_EQ(qv::GetCameraBufDevType(BUF_DEV_TYPE_VDEC) + qv::GetCameraBufDevType((BufDevType)0xFFFFFFFFu), 29);
+    qv::TalConvert2IBuf(ibuf, info);
+    EXPECT_EQ(ibuf.getDevIOVA(&ibuf, BUF_DEV_TYPE_INVALID), 0u);
+    const std::string dev = "GetCameraBufDevType(): input devType(", bad = ") is invalid\n";
+    EXPECT_EQ(Errors(), Calls({dev + "-1" + bad, dev + "15" + bad, "TalGetDevIOVA(): CHECK_VALID error\n"}));
+}
+
+// The wrapper set reads only the buffer, leaving stride, slice height and record; each null logs its line.
+TEST_F(DescriptorTest, Wrapper_ReadsOnlyTheBufferLeavesStrideSliceAndPrivAndLogsNulls)
+{
+    qv::TalConvert2IBuf(ibuf, info);
+    qva_ibuf w = ibuf;
+    qv::convert2IBuf(&w, fake.get());
+    EXPECT_TRUE(w.getStride == ibuf.getStride && w.getSliceHeight == ibuf.getSliceHeight && w.priv == &info);
+    EXPECT_TRUE(w.graphicBuf == fake.get() && w.getGraphicBuf(&w) == fake.get() && w.getAddr(&w) == fake->GetCpuAddr());
+    EXPECT_EQ(std::vector<int64_t>({w.getSize(&w), w.getShareFD(&w), w.getOffset(&w), w.getPoolSize(&w),
+                                    w.getBufId(&w), w.flushCache(&w), w.invalidateCache(&w),
+                                    (int64_t)w.getDevIOVA(&w, BUF_DEV_TYPE_DSP)}),
+              std::vector<int64_t>({8192, 77, 4096, 65536, 0, 1, 1, 0x100005000}));
+    EXPECT_EQ(fake->calls, Calls({"flush", "invalidate"})) << "whole even when split";
+    fake->poolSize = 0;
+    EXPECT_EQ(w.getPoolSize(&w), 8192u) << "because a whole buffer is its own pool";
+    qv::convert2IBuf(nullptr, fake.get());
+    qv::convert2IBuf(&w, nullptr);
+    EXPECT_EQ(w.getOffset(&w) + w.getPoolSize(&w) + w.getDevIOVA(&w, BUF_DEV_TYPE_ISP), 0u) << "a null buffer is kept";
+    EXPECT_EQ(w.getOffset(nullptr) + w.getPoolSize(nullptr) + w.getDevIOVA(nullptr, BUF_DEV_TYPE_ISP), 0u);
+    const std::string conv = "convert2IBuf() fail, ibuf or grapBuf is NULL!\n", dev = "enter GetDevIOVA(), ";
+    const std::string null = "cameraBuffer is null\n", bad = "invalid input\n";
+    EXPECT_EQ(Errors(), Calls({conv, conv, "s_getOffset: " + null, "s_getPoolSize: " + null, dev + "gbf is nullptr\n",
+                               "s_getOffset: " + bad, "s_getPoolSize: " + bad, dev + "ibuf is nullptr\n"}));
 }
 
 } // namespace
