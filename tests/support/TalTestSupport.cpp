@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -55,22 +56,18 @@ std::vector<LogLine> LogCapture::Lines()
 
 int LogCapture::Count(int priority, const std::string& message)
 {
-    std::lock_guard<std::mutex> guard(gLock);
-    int n = 0;
-    for (const auto& line : gLines) {
-        n += (line.priority == priority && line.message == message) ? 1 : 0;
-    }
-    return n;
+    auto lines = Lines();
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& l) {
+        return l.priority == priority && l.message == message;
+    }));
 }
 
 int LogCapture::CountContaining(const std::string& fragment)
 {
-    std::lock_guard<std::mutex> guard(gLock);
-    int n = 0;
-    for (const auto& line : gLines) {
-        n += line.text.find(fragment) != std::string::npos ? 1 : 0;
-    }
-    return n;
+    auto lines = Lines();
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& l) {
+        return l.text.find(fragment) != std::string::npos;
+    }));
 }
 
 std::string LogCapture::Dump()
