@@ -19,8 +19,7 @@ template <typename... Args>
 std::string Fmt(const char* format, Args... args)
 {
     char buf[512];
-    snprintf(buf, sizeof(buf), format, args...);
-    return buf;
+    return snprintf(buf, sizeof(buf), format, args...), buf;
 }
 
 // The failures of the pool check, one "what at +offset" line each.
@@ -54,23 +53,13 @@ protected:
     }
     qv::TalMemPoolInfo* info() const { return qv::TalPoolOf(pool); }
     static uint32_t NodeSizeFor(uint32_t size) // the node that a request takes
-    {
-        return (size + qv::kTalAllocSlack + qv::kTalNodeHeadSize + qv::kTalNodeAlign - 1) & ~(qv::kTalNodeAlign - 1);
-    }
+    { return (size + qv::kTalAllocSlack + qv::kTalNodeHeadSize + qv::kTalNodeAlign - 1) & ~(qv::kTalNodeAlign - 1); }
     static qv::TalMemDynNode* NodeOf(uintptr_t a) { return qv::TalNodeAt(qv::TalNodeAddrOfAddress(a)); }
     uintptr_t Alloc(uint32_t size) { return Checked(impl.TalMemAlloc(pool, size)); }
     int Free(uintptr_t address) { return Checked(impl.TalMemFree(pool, address)); }
-    template <typename T> T Checked(T result)
-    {
-        EXPECT_EQ(sound ? PoolFailures(pool) : "", "");
-        return result;
-    }
+    template <typename T> T Checked(T result) { EXPECT_EQ(sound ? PoolFailures(pool) : "", ""); return result; }
     // A payload overrun into `node`'s header: the pool check is off from then on.
-    void Trample(qv::TalMemDynNode* node, size_t bytes = 16)
-    {
-        memset(static_cast<void*>(node), 0x5A, bytes);
-        sound = false;
-    }
+    void Trample(qv::TalMemDynNode* node, size_t bytes = 16) { sound = false, memset(node, 0x5A, bytes); }
     static int Errors(const std::string& message) { return LogCapture::Count(ANDROID_LOG_ERROR, message); }
 
     qv::TalMemImpl impl;
