@@ -1,8 +1,7 @@
 #ifndef TALMEM_TESTS_MONITOR_MONITORTESTUTIL_H
 #define TALMEM_TESTS_MONITOR_MONITORTESTUTIL_H
 
-// Shared pieces of the monitor tests: read access to the monitor's state,
-// builders of the status lines, and a fixture with real chunks.
+// Monitor test pieces: read access to its state, status line builders, a fixture with real chunks.
 
 #include <algorithm>
 #include <cstdio>
@@ -53,6 +52,7 @@ using qv::TalMemChunk;
 using talmem_test::LogCapture;
 using Counters = std::vector<unsigned int>;
 using Lines = std::vector<std::string>;
+using Chunks = std::initializer_list<TalMemChunk*>;
 
 constexpr uint32_t kMiB = 1u << 20;
 constexpr int kCapture = 0, kPreview = 1, kOthers = 2;
@@ -131,22 +131,14 @@ protected:
         TalMemChunk* c = owned_.back().get();
         EXPECT_EQ(0, c->Init());
         c->poolId = poolId, c->streamState = impl_->streamState, c->inUse = 1;
-        c->SetModuleName(module);
-        c->SetAlgoName(algo);
-        c->SetAllocateType(type);
+        c->SetModuleName(module), c->SetAlgoName(algo), c->SetAllocateType(type);
         return c;
     }
     // A pool backing chunk without memory (only its size counts), owned by the manager.
     void AddPool(uint32_t size) { impl_->poolChunkList.push_back(new TalMemChunk(size, 0, 0, 0, "Unknown", 1)); }
     void Event(qv::TAL_MEM_MONITOR_TYPE type, TalMemChunk* c = nullptr) { monitor().UpdateMemoryStatus(type, c); }
-    void Alloc(std::initializer_list<TalMemChunk*> cs) { Each(cs, kPoolAlloc, kSysAlloc); }
-    void Free(std::initializer_list<TalMemChunk*> cs) { Each(cs, kPoolFree, kSysFree); }
-    void Each(std::initializer_list<TalMemChunk*> cs, qv::TAL_MEM_MONITOR_TYPE pool, qv::TAL_MEM_MONITOR_TYPE sys)
-    {
-        for (TalMemChunk* c : cs) {
-            Event(c->GetPoolId() != 0 ? pool : sys, c);
-        }
-    }
+    void Alloc(Chunks cs) { for (TalMemChunk* c : cs) { Event(c->GetPoolId() != 0 ? kPoolAlloc : kSysAlloc, c); } }
+    void Free(Chunks cs) { for (TalMemChunk* c : cs) { Event(c->GetPoolId() != 0 ? kPoolFree : kSysFree, c); } }
     void Stream(uint32_t state) { impl_->streamState = state; }
     // SOS then Frame, with the capture status the manager sets for each.
     void StartStream() { Stream(1); Event(kSos); Stream(2); Event(kFrame); }
