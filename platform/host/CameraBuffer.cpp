@@ -3,6 +3,7 @@
 
 #include "CameraBufferInterface.h"
 
+#include "CameraBufferFaults.h"
 #include "CameraBufferHost.h"
 
 #include <new>
@@ -86,7 +87,8 @@ std::shared_ptr<ICameraBuffer> CameraBufferInterface::AllocCamBuffer(uint32_t wi
                                                                      std::string name)
 {
     host::CamLayout layout{};
-    if (!host::CamLayoutFor(width, height, format, &layout)) {
+    if (!host::CamLayoutFor(width, height, format, &layout) ||
+        host::CamFaultShouldFail(host::CamFaultOp::kAlloc)) {
         return nullptr;
     }
     try {
@@ -107,7 +109,8 @@ std::shared_ptr<ICameraBuffer> CameraBufferInterface::SplitCamBuffer(
     auto* hostParent = dynamic_cast<host::HostCameraBuffer*>(parent.get());
     // The offset is checked on its own first so that offset + size cannot wrap.
     if (hostParent == nullptr || info.size == 0 || info.offset > hostParent->GetSize() ||
-        info.offset + info.size > hostParent->GetSize()) {
+        info.offset + info.size > hostParent->GetSize() ||
+        host::CamFaultShouldFail(host::CamFaultOp::kSplit)) {
         return nullptr;
     }
     host::CamBufferDesc desc{hostParent->GetOffset() + static_cast<uint32_t>(info.offset),
