@@ -100,6 +100,10 @@ public:
     // Writes the record and `algoPeakMap` to the filter file, replacing the
     // previous one atomically. 0 on success, -1 on failure (old file intact).
     int UploadAlgoPeakMem(const TalAlgoPeakMap& algoPeakMap);
+    // Deletes the temporaries that a writer ended mid-way (a killed process)
+    // left beside the filter file, logging each one; the filter file itself is
+    // never touched. Called before the filter file is read.
+    static void RemoveFilterTemporaries();
 
     // Loads one configuration file; algorithm entries are merged into
     // `algoPeakMap`. 0 or -1.

@@ -108,6 +108,7 @@ char* GetOneCfgFile(const char* priorityDir1, const char* priorityDir2, const ch
 
 int TalMemConfig::LoadFilterFile(TalAlgoPeakMap& algoPeakMap)
 {
+    RemoveFilterTemporaries(); // a killed writer's leftover is never read, so never kept
     const std::string filterFile = TalCfgFilterFilePath();
     FILE* fp = fopen(filterFile.c_str(), "r");
     if (fp == nullptr) {

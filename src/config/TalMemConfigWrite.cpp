@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -63,9 +64,12 @@ void SyncDirectoryOf(const std::string& path)
 // Replaces `path` by `data` so that a crash or a full disk at any moment
 // leaves either the old file or the new one, never a truncated one: the data
 // goes to a temporary file beside it, reaches the disk, and is renamed over.
+// Temporaries are named after the file with this suffix, X replaced by mkostemp.
+constexpr const char kTemporarySuffix[] = ".XXXXXX";
+
 int ReplaceFileAtomically(const std::string& path, const char* data, size_t len)
 {
-    std::string pattern = path + ".XXXXXX";
+    std::string pattern = path + kTemporarySuffix;
     std::vector<char> tmpName(pattern.begin(), pattern.end());
     tmpName.push_back('\0');
     int fd = mkostemp(tmpName.data(), O_CLOEXEC);
@@ -83,7 +87,35 @@ int ReplaceFileAtomically(const std::string& path, const char* data, size_t len)
     return 0;
 }
 
+// True for "<base>.XXXXXX" with any six characters in place of the X.
+bool IsTemporaryOf(const char* entry, const std::string& base)
+{
+    const size_t suffixLen = sizeof(kTemporarySuffix) - 1;
+    return strlen(entry) == base.size() + suffixLen && strncmp(entry, base.c_str(), base.size()) == 0 &&
+           entry[base.size()] == '.';
+}
+
 } // namespace
+
+void TalMemConfig::RemoveFilterTemporaries()
+{
+    const std::string path = TalCfgFilterFilePath();
+    size_t slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) {
+        return; // no writable directory: nothing was ever written
+    }
+    while (const struct dirent* entry = readdir(d)) {
+        if (IsTemporaryOf(entry->d_name, base)) {
+            std::string leftover = dir + entry->d_name;
+            int rc = unlink(leftover.c_str());
+            TAL_LOGW("%s removed unfinished %s (%d)\n", __func__, leftover.c_str(), rc);
+        }
+    }
+    closedir(d);
+}
 
 int TalMemConfig::UploadAlgoPeakMem(const TalAlgoPeakMap& algoPeakMap)
 {
