@@ -260,7 +260,9 @@ TEST_F(StressTest, EightThreadsThroughEveryEntry_BuffersIntact_NothingHeldAfterL
     std::vector<std::unique_ptr<Worker>> workers;
     for (int i = 0; i < kThreads; ++i) {
         workers.push_back(std::make_unique<Worker>(i, seed + static_cast<uint32_t>(i), tally));
-        threads.emplace_back([&, i] { workers[i]->Run(stop); });
+    }
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&stop, worker = workers[i].get()] { worker->Run(stop); });
     }
     // The log of a few seconds of eight threads is large: keep only the latest.
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
