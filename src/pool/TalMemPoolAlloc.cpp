@@ -171,7 +171,7 @@ void TalMemPoolImpl::ReleasePool(const MallocInfo& mallocInfo)
 {
     for (auto it = preAllocPoolMcMap.begin(); it != preAllocPoolMcMap.end();) {
         TalMemChunk* chunk = it->second;
-        if (!SameRequest(chunk, mallocInfo) || !chunk->preAlloc) {
+        if (chunk == nullptr || !SameRequest(chunk, mallocInfo) || !chunk->preAlloc) {
             ++it;
         } else if (chunk->inUse == 0) {
             DelMemChunk(chunk);

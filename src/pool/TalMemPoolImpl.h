@@ -202,6 +202,9 @@ private:
     // What one of the reuse maps holds at an address.
     enum class ReuseLookup { kAbsent, kNullChunk, kInUse };
     static ReuseLookup LookupReuseMap(TalChunkMap& map, uintptr_t address, TalMemChunk*& chunk);
+    // True when `entry` holds a null chunk: it is logged for SysFree and
+    // erased (a null entry owns nothing), so the caller stops there.
+    static bool DropNullEntry(TalChunkMap& map, TalChunkMap::iterator entry, const char* mapName);
     static void DestroyMap(TalChunkMap& map);
     // Folds one algorithm's stream peak into the learnt table.
     void LearnPeak(const std::string& name, uint32_t peak);

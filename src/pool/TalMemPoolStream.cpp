@@ -29,7 +29,8 @@ TalMemChunk* FindContaining(TalChunkMap& map, uintptr_t address)
     for (auto& entry : map) {
         uintptr_t base = reinterpret_cast<uintptr_t>(entry.first);
         TalMemChunk* chunk = entry.second;
-        if (chunk != nullptr && base <= address && address < base + chunk->GetSize()) {
+        // Measured by the buffer itself: a chunk made by geometry has GetSize() 0.
+        if (chunk != nullptr && base <= address && address - base < chunk->GetBufferSize()) {
             return chunk;
         }
     }
