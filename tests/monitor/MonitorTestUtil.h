@@ -29,6 +29,7 @@ public:
                 m.snapSizeSos2Frame, m.snapSysSizeSos2Frame};
     }
     std::vector<unsigned int> pool() const { return {m.allSize, m.SysSize, m.allNum, m.SysNum, m.allSizePeak}; }
+    std::vector<unsigned int> usedByType() const { return {m.usedSizeByType[0], m.usedSizeByType[1], m.usedSizeByType[2]}; }
     int& ref(int t) { return m.allocatorRef[t]; }
     const std::list<TalMemChunk*>& leakList() const { return m.leakChunkList; }
     size_t peakListSize() const { return m.peakSizeMemChunkList.size(); }
