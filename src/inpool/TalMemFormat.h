@@ -134,6 +134,17 @@ inline TalMemDynNode* TalNextNode(const TalMemDynNode* node)
 {
     return TalNodeAt(TalAddrOf(node) + TalNodeSize(node));
 }
+// True when the size word of `node` (a node before `end`) leads to a node
+// header: at least one header long, and either ending exactly at the end node
+// or aligned and ending before it (only the last node may end off the
+// alignment, when the pool size is not a multiple of it).
+inline bool TalStepIsSane(const TalMemDynNode* node, const TalMemDynNode* end)
+{
+    const uint32_t size = TalNodeSize(node);
+    const uintptr_t room = TalAddrOf(end) - TalAddrOf(node);
+    return node < end && size >= kTalNodeHeadSize &&
+           (size == room || (size % kTalNodeAlign == 0 && size < room));
+}
 inline TalMemDynNode* TalNodeOfLink(const TalDlList* link)
 {
     return TalNodeAt(TalAddrOf(link) - offsetof(TalMemDynNode, listNode));

@@ -236,6 +236,13 @@ uintptr_t TalMemImpl::OsMemAllocWithCheck(TalMemPoolInfo* pool, uint32_t size)
         OsMemNodeDump(pool);
         return 0;
     }
+    // A size word overwritten while the magic survived would split or hand out
+    // memory beyond the end node: refuse the node and dump the pool instead.
+    if (!TalStepIsSane(node, TalEndNode(pool))) {
+        TAL_LOGE("%s(%d): node size check error\n", __func__, 112);
+        OsMemNodeDump(pool);
+        return 0;
+    }
     if (allocSize + kTalSplitMinRest <= TalNodeSize(node)) {
         OsMemSpitNode(pool, node, allocSize);
     }
@@ -258,7 +265,7 @@ void TalMemImpl::OsMemSpitNode(TalMemPoolInfo* pool, TalMemDynNode* node, uint32
     TalMemDynNode* next = TalNextNode(rest);
     next->prevNode = rest;
     // A neighbour with a broken header is never merged: its links are garbage.
-    if (TalNodeIsFree(next) && TalNodeMagicOk(next)) {
+    if (TalNodeIsFree(next) && TalNodeMagicOk(next) && TalStepIsSane(next, TalEndNode(pool))) {
         TalList::TalListDelete(&next->listNode);
         OsMemMergeNode(next);
     } else {
@@ -284,7 +291,9 @@ void TalMemImpl::OsMemFreeNode(TalMemDynNode* node, TalMemPoolInfo* pool)
 {
     uint32_t size = TalNodeSize(node);
     node->nodeSize = size;
-    TalMemDynNode* prev = node->prevNode;
+    // The first node has no physical predecessor whatever its prevNode word
+    // says (the used-node check does not read it there).
+    TalMemDynNode* prev = node == TalFirstNode(pool) ? nullptr : node->prevNode;
     TalMemDynNode* keep = node;
     if (prev != nullptr && TalNodeIsFree(prev)) {
         OsMemMergeNode(node);
@@ -293,7 +302,11 @@ void TalMemImpl::OsMemFreeNode(TalMemDynNode* node, TalMemPoolInfo* pool)
         TalList::TalListDelete(&prev->listNode);
     }
     TalMemDynNode* next = TalNextNode(keep);
-    if (TalNodeIsFree(next)) {
+    // A free neighbour whose size word leads nowhere is left as it is: merging
+    // it would write past its end.
+    if (TalNodeIsFree(next) && !TalStepIsSane(next, TalEndNode(pool))) {
+        TAL_LOGE("%s(%d): next node size check error\n", __func__, 133);
+    } else if (TalNodeIsFree(next)) {
         TalList::TalListDelete(&next->listNode);
         OsMemMergeNode(next);
         pool->freeNodeNum -= 1;

@@ -19,13 +19,6 @@ namespace {
 // header is broken even though its magic is right. Only the node before the
 // end node may have a size off the alignment: a pool size off the alignment
 // leaves it to that node.
-bool StepIsSane(const TalMemDynNode* node, const TalMemDynNode* end)
-{
-    uint32_t size = TalNodeSize(node);
-    const TalMemDynNode* next = TalNextNode(node);
-    return size >= kTalNodeHeadSize && (next == end || (size % kTalNodeAlign == 0 && next < end));
-}
-
 void LogBrokenNode(const char* op, const TalMemDynNode* node, const char* tail)
 {
     TAL_LOGE_FOR(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", node->magic,
@@ -125,7 +118,7 @@ int TalMemImpl::OsMemInfoGet(TalMemPoolInfo* pool, TalMemPoolStatus* status)
     }
     TalMemPoolStatus sum{0, 0, 0, 0, 0};
     for (;;) {
-        if (!TalNodeMagicOk(node) || (node != end && !StepIsSane(node, end))) {
+        if (!TalNodeMagicOk(node) || (node != end && !TalStepIsSane(node, end))) {
             LogBrokenNode(__func__, node, "\n");
             OsMemNodeDump(pool);
             return -2;
@@ -185,7 +178,7 @@ TalMemDynNode* TalMemImpl::WalkToBreak(TalMemPoolInfo* pool, TalMemDynNode** las
         if (node == end) {
             return nullptr;
         }
-        if (!StepIsSane(node, end)) {
+        if (!TalStepIsSane(node, end)) {
             return node;
         }
         *lastGood = node;

@@ -276,7 +276,7 @@ TEST_F(StressTest, EightThreadsThroughEveryEntry_BuffersIntact_NothingHeldAfterL
     }
     printf("stress: %d threads, %d s, seed %u: %llu operations, %llu buffers\n", kThreads, seconds, seed,
            static_cast<unsigned long long>(tally.ops.load()), static_cast<unsigned long long>(tally.allocs.load()));
-    EXPECT_GT(tally.allocs.load(), 100u) << "because the run must have done real work";
+    EXPECT_GE(tally.allocs.load(), static_cast<uint64_t>(kThreads)) << "because the run must have done real work";
     EXPECT_EQ(tally.corrupt.load(), 0u) << "because every buffer is private to its owner";
     EXPECT_EQ(tally.badIBuf.load(), 0u);
 
