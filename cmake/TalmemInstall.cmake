@@ -91,14 +91,17 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime dev)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtalmemorypool-zoeis${PROJECT_VERSION_MAJOR})
+# The ldconfig trigger, as for any Debian shared library.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/cmake/deb/triggers)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-  "android-libutils, android-liblog, android-libcutils, libtinyxml2-9, libstdc++6, libc6")
+  "android-libutils (>= 1:29), android-liblog (>= 1:29), libtinyxml2-9, libstdc++6 (>= 12), libc6 (>= 2.36)")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtalmemorypool-zoeis-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "libtalmemorypool-zoeis${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), android-libutils-dev, android-liblog-dev")
+  "libtalmemorypool-zoeis${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), android-libutils-dev (>= 1:29), android-liblog-dev (>= 1:29)")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "Shared library that camera nodes link for their large image buffers.")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
