@@ -46,5 +46,19 @@ test-armhf: deps
 test-fuzz: deps
 	@if [ -x scripts/run-fuzz.sh ]; then ./scripts/run-fuzz.sh; else echo "no fuzz targets"; fi
 
+# Debian packages (runtime library and -dev) for /usr, in build/pkg.
+.PHONY: package package-check
+package: deps
+	cmake -S . -B build/pkg $(CMAKE_COMMON) -DCMAKE_INSTALL_PREFIX=/usr -DTALMEM_BUILD_TESTS=OFF \
+	  -DTALMEM_BUILD_BENCH=OFF >/dev/null
+	cmake --build build/pkg -j$(JOBS)
+	cd build/pkg && cpack -G DEB
+	@ls -1 build/pkg/*.deb
+
+# Installs both packages with dpkg (needs root), builds and runs examples/
+# against them, then removes them again. Not part of `make test`.
+package-check: package
+	./scripts/check-package.sh build/pkg
+
 clean:
-	rm -rf build/host build/asan build/armhf build/fuzz
+	rm -rf build/host build/asan build/armhf build/fuzz build/pkg

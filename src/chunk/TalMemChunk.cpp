@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "common/TalLog.h"
-#include "interface/TalIbufImpl.h"
+#include "descriptor/TalIbufImpl.h"
 #include "securec.h"
 
 namespace qv {

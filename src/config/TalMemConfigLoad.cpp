@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "common/TalLog.h"
-#include "interface/QvaAlgoMemAllocatorManager.h"
+#include "descriptor/QvaAlgoMemAllocatorManager.h"
 
 namespace qv {
 

@@ -5,7 +5,7 @@
 
 #include "chunk/TalMemChunk.h"
 #include "common/TalLog.h"
-#include "interface/Adapter.h"
+#include "descriptor/Adapter.h"
 
 namespace qv {
 

@@ -1,18 +1,19 @@
-// Chunks and the descriptor they fill: usage, ids, both accessor sets with
-// their checks and messages, heap blocks, page-rounded cache calls, release.
+// Chunks: usage, ids, the descriptor they fill, heap blocks, page-rounded
+// cache calls, release.
 #include <fcntl.h>
 
-#include <regex>
 
 #include "CameraBufferInterface.h"
+#include "FakeCameraBuffer.h"
 #include "TalTestSupport.h"
 #include "chunk/TalMemChunk.h"
-#include "interface/Adapter.h"
-#include "interface/TalIbufImpl.h"
+#include "descriptor/TalIbufImpl.h"
 
 using qv::TalMemChunk;
 using talmem_test::LogCapture;
-using Calls = std::vector<std::string>;
+using talmem_test::Calls;
+using talmem_test::Errors;
+using talmem_test::FakeCameraBuffer;
 using U64s = std::vector<uint64_t>;
 
 namespace qv {
@@ -31,45 +32,6 @@ struct TalMemChunkTestPeer {
 } // namespace qv
 
 namespace {
-
-// A camera buffer with fixed values (its device address encodes the device
-// type) that records every cache call ("flush", "flushRange(len,off)", ...).
-struct FakeCameraBuffer : QvCamera::ICameraBuffer {
-    uint32_t size = 8192, offset = 4096;
-    uintptr_t cpuAddr = 0x10000000;
-    uint64_t poolSize = 65536;
-    Calls calls;
-
-    uint32_t GetSize() const override { return size; }
-    uint32_t GetStride() const override { return 640; }
-    uint32_t GetSliceHeight() const override { return 480; }
-    uint64_t GetUsage() const override { return 0x1400801; }
-    uint32_t GetFormat() const override { return 0x101; }
-    int32_t GetShareFd() const override { return 77; }
-    void* GetCpuAddr() const override { return reinterpret_cast<void*>(cpuAddr); }
-    uint64_t GetIova(uint32_t type, uint32_t flags) const override { return flags ? 0 : 0x100000000 + type * 0x1000; }
-    uint32_t GetOffset() const override { return offset; }
-    uint64_t GetPoolSize() const override { return poolSize; }
-    int32_t InvalidateCache() override { return Record("invalidate"); }
-    int32_t FlushCache() override { return Record("flush"); }
-    int32_t InvalidateCacheRange(uint32_t l, uint32_t o) override { return Record("invalidate" + Range(l, o)); }
-    int32_t FlushCacheRange(uint32_t l, uint32_t o) override { return Record("flush" + Range(l, o)); }
-    std::string Range(uint32_t l, uint32_t o) { return "Range(" + std::to_string(l) + ',' + std::to_string(o) + ')'; }
-    int32_t Record(const std::string& call) { calls.push_back(call); return 0; }
-};
-
-// ERROR messages with the source line they carry ("Func(123)", "line = 123") cut out.
-Calls Errors()
-{
-    Calls out;
-    for (const talmem_test::LogLine& line : LogCapture::Lines()) {
-        if (line.priority == ANDROID_LOG_ERROR) {
-            out.push_back(std::regex_replace(line.message, std::regex("(\\(|line = )\\d+"), "$1",
-                                             std::regex_constants::format_first_only));
-        }
-    }
-    return out;
-}
 
 constexpr uint32_t kPage = 4096;
 int32_t gFirstId = -1; // id of the process's first chunk, taken before any test runs
@@ -180,69 +142,6 @@ TEST_F(TalMemChunkTest, CacheLocal_RoundsToPagesPicksWholeOrRangeCallOrRejects)
         EXPECT_EQ(fake->calls, chunk == atZero.get() ? Calls({"flush", "invalidate"})
                                                      : Calls({"flushRange(8192,4096)", "invalidateRange(8192,4096)"}));
     }
-}
-
-class DescriptorTest : public talmem_test::TalTest {
-protected:
-    std::shared_ptr<FakeCameraBuffer> fake = std::make_shared<FakeCameraBuffer>();
-    qv::MemChunkInfo info{fake, 0, 4096, 0, 0, &info};
-    qva_ibuf ibuf = {};
-};
-
-// Each pool accessor on a null descriptor, a null record and an empty buffer returns its failure value with
-// one CHECK_VALID line, except the three that check only the descriptor and record. Device types 15 and up
-// map to 15 with a message (compared unsigned); the device address then fails its check too: two lines.
-TEST_F(DescriptorTest, PoolSet_FailedChecksAndInvalidDevTypesLogWithTheAccessorsName)
-{
-    const char* names[] = {"GetAddr", "GetIOVA", "GetSize", "GetShareFD", "InvalidateCache", "FlushCache", "GetStride",
-                           "GetSliceHeight", "GetDevIOVA", "GetPoolSize", "GetGraphicBuf", "GetOffset", "GetBufId"};
-    auto call = [](const qva_ibuf* b) {
-        return std::vector<int64_t>{!!qv::TalGetAddr(b), (int64_t)qv::TalGetIOVA(b), qv::TalGetSize(b),
-            qv::TalGetShareFD(b), qv::TalInvalidateCache(b), qv::TalFlushCache(b), qv::TalGetStride(b),
-            qv::TalGetSliceHeight(b), (int64_t)qv::TalGetDevIOVA(b, BUF_DEV_TYPE_ISP), qv::TalGetPoolSize(b),
-            !!qv::TalGetGraphicBuf(b), qv::TalGetOffset(b), qv::TalGetBufId(b)};
-    };
-    qv::MemChunkInfo empty;
-    qva_ibuf noRecord = {}, emptyBuf = {};
-    qv::TalConvert2IBuf(emptyBuf, empty);
-    for (const auto& c : {std::make_pair((const qva_ibuf*)nullptr, 13), {&noRecord, 13}, {&emptyBuf, 10}}) {
-        LogCapture::Clear();
-        EXPECT_EQ(call(c.first), std::vector<int64_t>({0, 0, 0, -1, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-        Calls expected(names, names + c.second);
-        for (std::string& e : expected) { e = "Tal" + e + "(): CHECK_VALID error\n"; }
-        EXPECT_EQ(Errors(), expected);
-    }
-    LogCapture::Clear();
-    EXPECT_EQ(qv::GetCameraBufDevType(BUF_DEV_TYPE_VDEC) + qv::GetCameraBufDevType((BufDevType)0xFFFFFFFFu), 29);
-    qv::TalConvert2IBuf(ibuf, info);
-    EXPECT_EQ(ibuf.getDevIOVA(&ibuf, BUF_DEV_TYPE_INVALID), 0u);
-    const std::string dev = "GetCameraBufDevType(): input devType(", bad = ") is invalid\n";
-    EXPECT_EQ(Errors(), Calls({dev + "-1" + bad, dev + "15" + bad, "TalGetDevIOVA(): CHECK_VALID error\n"}));
-}
-
-// The wrapper set reads only the buffer, leaving stride, slice height and record; each null logs its line.
-TEST_F(DescriptorTest, Wrapper_ReadsOnlyTheBufferLeavesStrideSliceAndPrivAndLogsNulls)
-{
-    qv::TalConvert2IBuf(ibuf, info);
-    qva_ibuf w = ibuf;
-    qv::convert2IBuf(&w, fake.get());
-    EXPECT_TRUE(w.getStride == ibuf.getStride && w.getSliceHeight == ibuf.getSliceHeight && w.priv == &info);
-    EXPECT_TRUE(w.graphicBuf == fake.get() && w.getGraphicBuf(&w) == fake.get() && w.getAddr(&w) == fake->GetCpuAddr());
-    EXPECT_EQ(std::vector<int64_t>({w.getSize(&w), w.getShareFD(&w), w.getOffset(&w), w.getPoolSize(&w),
-                                    w.getBufId(&w), w.flushCache(&w), w.invalidateCache(&w),
-                                    (int64_t)w.getDevIOVA(&w, BUF_DEV_TYPE_DSP)}),
-              std::vector<int64_t>({8192, 77, 4096, 65536, 0, 1, 1, 0x100005000}));
-    EXPECT_EQ(fake->calls, Calls({"flush", "invalidate"})) << "whole even when split";
-    fake->poolSize = 0;
-    EXPECT_EQ(w.getPoolSize(&w), 8192u) << "because a whole buffer is its own pool";
-    qv::convert2IBuf(nullptr, fake.get());
-    qv::convert2IBuf(&w, nullptr);
-    EXPECT_EQ(w.getOffset(&w) + w.getPoolSize(&w) + w.getDevIOVA(&w, BUF_DEV_TYPE_ISP), 0u) << "a null buffer is kept";
-    EXPECT_EQ(w.getOffset(nullptr) + w.getPoolSize(nullptr) + w.getDevIOVA(nullptr, BUF_DEV_TYPE_ISP), 0u);
-    const std::string conv = "convert2IBuf() fail, ibuf or grapBuf is NULL!\n", dev = "enter GetDevIOVA(), ";
-    const std::string null = "cameraBuffer is null\n", bad = "invalid input\n";
-    EXPECT_EQ(Errors(), Calls({conv, conv, "s_getOffset: " + null, "s_getPoolSize: " + null, dev + "gbf is nullptr\n",
-                               "s_getOffset: " + bad, "s_getPoolSize: " + bad, dev + "ibuf is nullptr\n"}));
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-#ifndef TALMEM_INTERFACE_TALIBUFIMPL_H
-#define TALMEM_INTERFACE_TALIBUFIMPL_H
+#ifndef TALMEM_DESCRIPTOR_TALIBUFIMPL_H
+#define TALMEM_DESCRIPTOR_TALIBUFIMPL_H
 
 #include <cstdint>
 
@@ -39,4 +39,4 @@ uint32_t TalGetSliceHeight(const qva_ibuf* ibuf);
 
 } // namespace qv
 
-#endif // TALMEM_INTERFACE_TALIBUFIMPL_H
+#endif // TALMEM_DESCRIPTOR_TALIBUFIMPL_H

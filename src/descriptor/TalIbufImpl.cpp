@@ -1,4 +1,4 @@
-#include "interface/TalIbufImpl.h"
+#include "descriptor/TalIbufImpl.h"
 
 #include "common/TalLog.h"
 

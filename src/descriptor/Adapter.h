@@ -1,5 +1,5 @@
-#ifndef TALMEM_INTERFACE_ADAPTER_H
-#define TALMEM_INTERFACE_ADAPTER_H
+#ifndef TALMEM_DESCRIPTOR_ADAPTER_H
+#define TALMEM_DESCRIPTOR_ADAPTER_H
 
 #include "talmem/qva_ibuf.h"
 
@@ -14,4 +14,4 @@ void convert2IBuf(qva_ibuf* ibuf, void* cameraBuffer);
 
 } // namespace qv
 
-#endif // TALMEM_INTERFACE_ADAPTER_H
+#endif // TALMEM_DESCRIPTOR_ADAPTER_H

@@ -1,8 +1,8 @@
-#include "interface/Adapter.h"
+#include "descriptor/Adapter.h"
 
 #include "CameraBufferInterface.h"
 #include "common/TalLog.h"
-#include "interface/TalIbufImpl.h"
+#include "descriptor/TalIbufImpl.h"
 
 // Accessors for camera buffers that did not come from the pool. They read
 // only graphicBuf; the plain getters and cache calls trust it to be set.

@@ -1,6 +1,6 @@
 // The process-wide allocator-type record.
 
-#include "interface/QvaAlgoMemAllocatorManager.h"
+#include "descriptor/QvaAlgoMemAllocatorManager.h"
 
 #include <cstdlib>
 #include <new>

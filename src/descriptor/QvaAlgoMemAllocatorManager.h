@@ -1,5 +1,5 @@
-#ifndef TALMEM_INTERFACE_QVAALGOMEMALLOCATORMANAGER_H
-#define TALMEM_INTERFACE_QVAALGOMEMALLOCATORMANAGER_H
+#ifndef TALMEM_DESCRIPTOR_QVAALGOMEMALLOCATORMANAGER_H
+#define TALMEM_DESCRIPTOR_QVAALGOMEMALLOCATORMANAGER_H
 
 // Process-wide record of the allocator that the camera algorithms are to use.
 // The configuration loader sets the type; code outside this library fills
@@ -54,4 +54,4 @@ private:
 
 } // namespace qv
 
-#endif // TALMEM_INTERFACE_QVAALGOMEMALLOCATORMANAGER_H
+#endif // TALMEM_DESCRIPTOR_QVAALGOMEMALLOCATORMANAGER_H
