@@ -74,9 +74,11 @@ public:
     uint32_t GetUsedSize() { return usedSize; }
     void SetUsedSize(uint32_t used) { usedSize = used; }
     int32_t GetUniqueId() const { return info.uniqueId; }
-    std::string GetAlgoName() { return algoName; }
+    // Valid until the name is set again or the chunk is destroyed; callers
+    // that keep a name copy it.
+    const std::string& GetAlgoName() const { return algoName; }
     void SetAlgoName(const std::string& algo) { algoName = algo; }
-    std::string GetModuleName() { return moduleName; }
+    const std::string& GetModuleName() const { return moduleName; }
     void SetModuleName(const std::string& module) { moduleName = module; }
     uint32_t GetWidth() const { return width; }
     uint32_t GetHeight() const { return height; }

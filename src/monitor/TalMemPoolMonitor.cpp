@@ -117,7 +117,9 @@ int TalMemPoolMonitor::PoolMonitorInit(std::list<TalMemChunk*>& poolChunks, Chun
 
 void TalMemPoolMonitor::UpdateMemoryStatus(TAL_MEM_MONITOR_TYPE type, TalMemChunk* chunk)
 {
-    std::string algoName = kDefaultAlgoName;
+    // The chunk's own name is read in place: every event used to copy it
+    // three times before any line was printed.
+    const std::string* algoName = &kDefaultAlgoName;
     const char* sign =
         (type == TAL_MEM_MONITOR_POOL_FREE || type == TAL_MEM_MONITOR_SYS_FREE) ? "-" : "+";
     unsigned int captureStatus = 0;
@@ -127,7 +129,7 @@ void TalMemPoolMonitor::UpdateMemoryStatus(TAL_MEM_MONITOR_TYPE type, TalMemChun
     if (chunk != nullptr) {
         captureStatus = chunk->streamState;
         size = chunk->GetUsedSize();
-        algoName = chunk->GetAlgoName();
+        algoName = &chunk->GetAlgoName();
         allocateType = chunk->GetAllocateType();
         forceFromSys = chunk->GetForceFromSys();
         if (allocateType < 0 || allocateType >= kAllocTypeNum) {
@@ -139,13 +141,13 @@ void TalMemPoolMonitor::UpdateMemoryStatus(TAL_MEM_MONITOR_TYPE type, TalMemChun
     UpdatePoolStatus(type, allocateType, size);
     if (InCrossing()) {
         // A post-processing crossing counts pool totals only.
-        PrintStatus(type, algoName, size, sign, false);
+        PrintStatus(type, *algoName, size, sign, false);
         return;
     }
     bool reachPeak = false;
     UpdateSnapShotStatus(type, size, captureStatus, reachPeak);
-    UpdateAlgoMemInfo(type, allocateType, algoName, size, forceFromSys);
-    PrintStatus(type, algoName, size, sign, reachPeak);
+    UpdateAlgoMemInfo(type, allocateType, *algoName, size, forceFromSys);
+    PrintStatus(type, *algoName, size, sign, reachPeak);
 }
 
 void TalMemPoolMonitor::MemChunkListUpdate(TAL_MEM_MONITOR_TYPE type, TalMemChunk* chunk)

@@ -178,7 +178,7 @@ public:
     // Per-algorithm accounting, one record list per allocate type. The
     // allocateType of these calls indexes the lists and must be 0..2: any
     // other index aborts the process (UpdateMemoryStatus validates first).
-    void UpdateAlgoMemInfo(TAL_MEM_MONITOR_TYPE type, int allocateType, std::string algoName,
+    void UpdateAlgoMemInfo(TAL_MEM_MONITOR_TYPE type, int allocateType, const std::string& algoName,
                            unsigned int size, int forceFromSys);
     void InitAlgoInfo(AlgoMemInfo& info, const std::string& algoName, unsigned int size,
                       int forceFromSys);

@@ -46,7 +46,7 @@ AlgoMemInfo* TalMemPoolMonitor::FindAlgo(int allocateType, const std::string& al
 }
 
 void TalMemPoolMonitor::UpdateAlgoMemInfo(TAL_MEM_MONITOR_TYPE type, int allocateType,
-                                          std::string algoName, unsigned int size,
+                                          const std::string& algoName, unsigned int size,
                                           int forceFromSys)
 {
     switch (type) {
