@@ -38,6 +38,7 @@ inline std::string NameOrUnknown(const char* name)
 
 void TalMemPool::NewPool()
 {
+    TalMemRecorder::StartIfAsked(); // before the call's own line, so that NewPool is recorded
     TalRecCall rec("NewPool", "");
     android::AutoMutex _l(memPoolLock);
     if (reference != 0) {
@@ -50,7 +51,6 @@ void TalMemPool::NewPool()
         reference = 1;
         return;
     }
-    TalMemRecorder::StartIfAsked();
     poolThread = new (std::nothrow) TalMemPoolThread();
     if (poolThread == nullptr) {
         TAL_LOGE("QvCamMem %s ERROR! poolThread create fail!\n", __func__);

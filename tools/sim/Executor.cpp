@@ -85,6 +85,7 @@ private:
     void* Addr(const SimCall& call) const;
     void Remember(const SimCall& call, void* addr, CallOutcome& out);
     void WaitForServiceGone();
+    void WaitForLooper();
     double NowMs() const;
 
     const std::vector<SimCall>& mCalls;
@@ -187,6 +188,15 @@ void Runner::WaitForServiceGone()
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     mServiceDeleted = false;
+}
+
+void Runner::WaitForLooper()
+{
+    android::sp<qv::TalMemPoolThread> service = qv::TalMemPool::poolThread;
+    const auto limit = Clock::now() + kSettleLimit;
+    while (service != nullptr && !service->LooperReady() && Clock::now() < limit) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
 }
 
 void Runner::RunOne(const SimCall& call)
@@ -296,6 +306,7 @@ void Runner::IssueOther(const SimCall& call)
     const std::string& e = call.entry;
     if (e == "NewPool") {
         qv::TalMemPool::NewPool();
+        WaitForLooper();
     } else if (e == "DeletePool") {
         qv::TalMemPool::DeletePool();
     } else if (e == "Free") {

@@ -110,7 +110,9 @@ void LogTap::OnLine(int priority, const char* tag, const char* message)
     char line[64];
     snprintf(line, sizeof(line), "%s.%03d %5d %5d %c ", stamp, static_cast<int>(now.tv_usec / 1000),
              getpid(), gettid(), PriorityLetter(priority));
-    const std::string full = std::string(line) + (tag ? tag : "") + ": " + text + "\n";
+    char tagText[32];
+    snprintf(tagText, sizeof(tagText), "%-8s: ", tag != nullptr ? tag : "");
+    const std::string full = std::string(line) + tagText + text + "\n";
     if (tCall != nullptr) {
         ReadCallLine(text, tCall);
     }
