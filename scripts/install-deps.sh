@@ -5,7 +5,8 @@ set -euo pipefail
 
 HOST_PKGS="build-essential cmake pkg-config android-libutils-dev android-liblog-dev \
 android-libcutils-dev libtinyxml2-dev libgtest-dev libgmock-dev libbenchmark-dev \
-clang libclang-rt-14-dev binutils"
+clang libclang-rt-14-dev binutils \
+libcli11-dev nlohmann-json3-dev gnuplot-nox"
 ARM_PKGS="g++-arm-linux-gnueabihf qemu-user android-libutils-dev:armhf \
 android-liblog-dev:armhf android-libcutils-dev:armhf libtinyxml2-dev:armhf \
 libgtest-dev:armhf libgmock-dev:armhf"

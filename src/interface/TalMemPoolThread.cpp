@@ -332,6 +332,12 @@ void TalMemPoolThread::RequestExit()
     }
 }
 
+bool TalMemPoolThread::LooperReady()
+{
+    AutoMutex _l(mImplLock);
+    return m_spMemLooper != nullptr && memHandler != nullptr;
+}
+
 android::status_t TalMemPoolThread::readyToRun()
 {
     android::sp<android::Looper> looper = android::Looper::prepare(0);

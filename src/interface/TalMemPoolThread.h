@@ -100,6 +100,10 @@ public:
     void DumpMemInfo();
     // Asks the looper thread to stop and wakes it so that it sees the request.
     void RequestExit();
+    // True once the looper thread has made its looper and handler; until then
+    // delayed work and PoolUpdate fail. Tools that drive the library wait for
+    // it after NewPool, as a camera provider's slower start does on a device.
+    bool LooperReady();
 
 private:
     friend struct TalMemPoolThreadTestPeer; // tests read the state under mImplLock
