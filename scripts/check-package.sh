@@ -3,7 +3,7 @@
 # this machine: installs the runtime and -dev packages with dpkg, checks that
 # dpkg considers them installed, builds examples/ against the installed files
 # through find_package and through pkg-config (default search paths only),
-# runs both, then removes the packages again. Needs root (dpkg -i).
+# runs both and the installed demo, then removes the packages again. Needs root (dpkg -i).
 # Usage: check-package.sh <build/pkg>
 set -euo pipefail
 
@@ -44,4 +44,7 @@ echo "check-package: pkg-config consumer"
 mkdir -p "$work/pc"
 make --no-print-directory -s -C "$src/examples" OUT="$work/pc"
 TALMEM_ROOT="$work/device" "$work/pc/camera_node" 2>/dev/null
+echo "check-package: installed tools run"
+TALMEM_ROOT="$work/device" /usr/bin/talmem_demo >/dev/null 2>&1 \
+  || { echo "check-package: /usr/bin/talmem_demo failed" >&2; exit 1; }
 echo "check-package: both packages install, and both consumers build and run against them"

@@ -19,7 +19,7 @@ echo "run-fuzz: building $OUT/talmem_config_fuzz"
   -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all \
   -I"$ROOT/src" -I"$ROOT/include" -I"$ROOT/platform/include" -isystem /usr/include/android \
   "$ROOT"/tests/fuzz/*.cpp "$ROOT"/src/config/*.cpp \
-  "$ROOT/src/interface/QvaAlgoMemAllocatorManager.cpp" \
+  "$ROOT/src/descriptor/QvaAlgoMemAllocatorManager.cpp" \
   "$ROOT/platform/host/HostPaths.cpp" "$ROOT/platform/host/SecureC.cpp" \
   -ltinyxml2 -L"$ANDROID_LIBDIR" -Wl,-rpath,"$ANDROID_LIBDIR" -llog \
   -o "$OUT/talmem_config_fuzz"

@@ -27,6 +27,18 @@ soname=$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
   || fail "the development link does not point at the SONAME"
 "$src/tests/exports/check_exports.sh" "$lib" "$src/tests/exports/expected.txt"
 
+step "the package version file accepts 1.x and refuses 2.0"
+{
+  echo "include(\"$prefix/lib/cmake/talmemorypool_zoeis/talmemorypool_zoeisConfigVersion.cmake\")"
+  echo 'message("${PACKAGE_VERSION} ${PACKAGE_VERSION_COMPATIBLE}")'
+} >"$work/version.cmake"
+for want in 1.0:TRUE 1.0.0:TRUE 2.0:FALSE; do
+  asked="${want%%:*}"
+  got=$(cmake -DPACKAGE_FIND_VERSION="$asked" -DPACKAGE_FIND_VERSION_MAJOR="${asked%%.*}" \
+          -P "$work/version.cmake" 2>&1) || fail "version file: $got"
+  [ "$got" = "1.0.0 ${want##*:}" ] || fail "version file asked for $asked answers '$got'"
+done
+
 step "each installed header compiles on its own"
 for h in "$prefix"/include/talmem/*.h; do
   "$cxx" -std=c++17 -fsyntax-only -Wall -Werror -I"$prefix/include" -isystem /usr/include/android \
