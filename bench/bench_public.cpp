@@ -27,10 +27,6 @@
 #include "public/RatioReporter.h"
 #include "talmem/TalMemPool.h"
 
-namespace talmem_bench {
-void RegisterPublicThreadBenchmarks();
-}
-
 namespace {
 
 using namespace talmem_bench;

@@ -10,5 +10,5 @@ OUT=$(mktemp /tmp/talmem-callgrind.XXXXXX)
 valgrind --tool=callgrind --callgrind-out-file="$OUT" --toggle-collect='*PublicStep*' \
   "$BUILD/bench/bench_public" --benchmark_filter="$FILTER" --benchmark_min_time=0.05 \
   >/dev/null 2>&1
-callgrind_annotate --inclusive=yes --tree=caller "$OUT" | python3 "$(dirname "$0")/profile-shares.py"
+callgrind_annotate --inclusive=yes --tree=caller --threshold=100 "$OUT" 2>/dev/null | python3 "$(dirname "$0")/profile-shares.py"
 rm -f "$OUT"

@@ -87,6 +87,9 @@ void ReleasePublic(LiveSet& set);
 // One public pair at step `k`; false when the new buffer is not from the pool.
 bool PublicStep(LiveSet& set, size_t k, const Service& service);
 
+// Contention and the control-traffic variant (PublicThreads.cpp).
+void RegisterPublicThreadBenchmarks();
+
 } // namespace talmem_bench
 
 #endif // TALMEM_BENCH_PUBLIC_PUBLICFIXTURE_H

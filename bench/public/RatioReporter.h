@@ -18,7 +18,8 @@ struct RunFigure {
     int64_t threads = 1;
     bool error = false;
     std::string errorMessage;
-    double nsPerIter = 0;
+    double nsPerIter = 0;    // wall time
+    double cpuNsPerIter = 0; // the calling thread's processor time
     std::map<std::string, double> counters;
 };
 

@@ -37,6 +37,15 @@ inline unsigned long long TalMaskIova(uint64_t iova)
 
 constexpr const char* kTalLogTag = "ZoEIS";
 
+// Whether liblog prints a line of `prio` under the library's tag: the test
+// __android_log_print makes before formatting. The logging macros make it
+// first, so that a dropped line (most DEBUG lines at the default level) costs
+// no evaluation of its arguments; a line that passes is printed unchanged.
+inline bool TalLogOn(int prio)
+{
+    return __android_log_is_loggable(prio, kTalLogTag, ANDROID_LOG_VERBOSE) != 0;
+}
+
 } // namespace qv
 
 // One macro family for the whole library: "[LEVEL  ] file:line func() message".
@@ -46,10 +55,17 @@ constexpr const char* kTalLogTag = "ZoEIS";
     __android_log_print((prio), ::qv::kTalLogTag, "[" label "] %s:%d %s() " fmt,            \
                         ::qv::TalFileBase(__FILE__), __LINE__, (func), ##__VA_ARGS__)
 
-#define TAL_LOGE_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_ERROR, "ERROR  ", fmt, ##__VA_ARGS__)
-#define TAL_LOGW_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_WARN, "WARN   ", fmt, ##__VA_ARGS__)
-#define TAL_LOGI_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_INFO, "INFO   ", fmt, ##__VA_ARGS__)
-#define TAL_LOGD_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
+#define TAL_LOG_IF_ON(func, prio, label, fmt, ...)                      \
+    do {                                                                \
+        if (::qv::TalLogOn(prio)) {                                     \
+            TAL_LOG_FUNC_AT(func, prio, label, fmt, ##__VA_ARGS__);     \
+        }                                                               \
+    } while (0)
+
+#define TAL_LOGE_FOR(func, fmt, ...) TAL_LOG_IF_ON(func, ANDROID_LOG_ERROR, "ERROR  ", fmt, ##__VA_ARGS__)
+#define TAL_LOGW_FOR(func, fmt, ...) TAL_LOG_IF_ON(func, ANDROID_LOG_WARN, "WARN   ", fmt, ##__VA_ARGS__)
+#define TAL_LOGI_FOR(func, fmt, ...) TAL_LOG_IF_ON(func, ANDROID_LOG_INFO, "INFO   ", fmt, ##__VA_ARGS__)
+#define TAL_LOGD_FOR(func, fmt, ...) TAL_LOG_IF_ON(func, ANDROID_LOG_DEBUG, "DEBUG  ", fmt, ##__VA_ARGS__)
 
 #define TAL_LOGE(fmt, ...) TAL_LOGE_FOR(__func__, fmt, ##__VA_ARGS__)
 #define TAL_LOGW(fmt, ...) TAL_LOGW_FOR(__func__, fmt, ##__VA_ARGS__)

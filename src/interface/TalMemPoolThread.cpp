@@ -306,9 +306,41 @@ void TalMemPoolThread::ForceCheck()
 {
     AutoMutex _l(mTimeOutLock);
     mTimeOutCount = 0;
-    if (m_spMemLooper != nullptr) {
+    mLastActivity = systemTime(SYSTEM_TIME_MONOTONIC);
+    // A looper in its timed wait counts the idle time from mLastActivity when
+    // the wait ends; waking it for every Free cost a thread switch each time.
+    // A looper waiting without limit, or between waits, is woken as before.
+    if (!mInTimedWait && m_spMemLooper != nullptr) {
         m_spMemLooper->wake();
     }
+}
+
+int TalMemPoolThread::IdleMsLeftLocked() const
+{
+    const nsecs_t left =
+        kIdleSummaryMs * kNsPerMs - (systemTime(SYSTEM_TIME_MONOTONIC) - mLastActivity);
+    return left <= 0 ? 0 : static_cast<int>((left + kNsPerMs - 1) / kNsPerMs);
+}
+
+bool TalMemPoolThread::WaitForIdle(const android::sp<android::Looper>& looper)
+{
+    int waitMs = 0;
+    {
+        AutoMutex _l(mTimeOutLock);
+        waitMs = IdleMsLeftLocked();
+        if (waitMs == 0) {
+            return true;
+        }
+        mInTimedWait = true;
+    }
+    const int result = looper->pollOnce(waitMs);
+    AutoMutex _l(mTimeOutLock);
+    mInTimedWait = false;
+    if (result != android::Looper::POLL_TIMEOUT) {
+        // A message or a wake-up restarts the idle time.
+        mLastActivity = systemTime(SYSTEM_TIME_MONOTONIC);
+    }
+    return false;
 }
 
 void TalMemPoolThread::DumpMemInfo()
@@ -345,6 +377,10 @@ android::status_t TalMemPoolThread::readyToRun()
     if (handler == nullptr) {
         TAL_LOGE("QvCamMem %s memHandler new fail\n", __func__);
     }
+    {
+        AutoMutex _t(mTimeOutLock);
+        mLastActivity = systemTime(SYSTEM_TIME_MONOTONIC); // the idle time starts with the thread
+    }
     // Published under mImplLock: the forwarders read both under that lock.
     AutoMutex _l(mImplLock);
     m_spMemLooper = looper;
@@ -363,7 +399,7 @@ bool TalMemPoolThread::threadLoop()
         // Read without mTimeOutLock: a stale count only picks the other wait once.
         if (mTimeOutCount.load(std::memory_order_relaxed) > 0) {
             looper->pollOnce(-1);
-        } else if (looper->pollOnce(kIdleSummaryMs) == android::Looper::POLL_TIMEOUT) {
+        } else if (WaitForIdle(looper)) {
             DumpMemInfo();
         }
         if (exitPending()) {

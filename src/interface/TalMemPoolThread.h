@@ -20,6 +20,7 @@
 #include <utils/Mutex.h>
 #include <utils/StrongPointer.h>
 #include <utils/Thread.h>
+#include <utils/Timers.h>
 
 #include "talmem/TalMemPool.h"
 #include "talmem/qva_ibuf.h"
@@ -110,6 +111,11 @@ private:
 
     android::status_t readyToRun() override;
     bool threadLoop() override;
+    // One timed wait of the looper towards the idle summary; true once
+    // kIdleSummaryMs have passed without activity.
+    bool WaitForIdle(const android::sp<android::Looper>& looper);
+    // Whole milliseconds of idleness still missing; 0 when the time is up.
+    int IdleMsLeftLocked() const;
     // Logs "memPoolImpl invalid" on behalf of `func` when there is no pool manager.
     bool ImplValidLocked(const char* func) const;
     // Takes mImplLock and runs `op` on the pool manager; CameraClose and the
@@ -126,6 +132,11 @@ private:
     // its wait (a stale value only changes one wait), so it is atomic.
     std::atomic<int32_t> mTimeOutCount{0};
     android::Mutex mTimeOutLock;
+    // Guarded by mTimeOutLock: the time of the last activity, and whether the
+    // looper is inside its timed wait (it then measures the idle time from
+    // mLastActivity when the wait ends, so activity needs no wake-up).
+    nsecs_t mLastActivity = 0;
+    bool mInTimedWait = false;
     TalMemPoolImpl* memPoolImpl = nullptr;
     android::sp<android::Looper> m_spMemLooper;
     android::sp<MemHandler> memHandler;

@@ -49,4 +49,24 @@ TEST_F(TalLogTest, ForMacros_NameTheGivenFunctionInThePrefix)
         << lines[0].text;
 }
 
+TEST_F(TalLogTest, BelowTheMinimumPriority_ArgumentsAreNotEvaluatedAndNothingIsPrinted)
+{
+    int evaluated = 0;
+    auto arg = [&evaluated] { return ++evaluated; };
+    __android_log_set_minimum_priority(ANDROID_LOG_INFO);
+    TAL_LOGD("d %d\n", arg());
+    TAL_LOGI("i %d\n", arg());
+    __android_log_set_minimum_priority(ANDROID_LOG_ERROR);
+    TAL_LOGW_FOR("Other", "w %d\n", arg());
+    TAL_LOGE("e %d\n", arg());
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    EXPECT_EQ(evaluated, 2) << "because only the INFO and ERROR lines pass their minimum";
+    auto lines = LogCapture::Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_INFO);
+    EXPECT_EQ(lines[0].message, "i 1\n");
+    EXPECT_EQ(lines[1].priority, ANDROID_LOG_ERROR);
+    EXPECT_EQ(lines[1].message, "e 2\n");
+}
+
 } // namespace

@@ -17,6 +17,7 @@
 
 #include "../monitor/MonitorTestUtil.h"
 #include "CameraBufferInterface.h"
+#include "interface/TalMemPoolThread.h"
 #include "pool/TalMemPoolImpl.h"
 #include "talmem/TalMemPool.h"
 
@@ -130,7 +131,13 @@ protected:
         bool updated = false;
         EXPECT_TRUE(WaitFor([&] { return updated = updated || TalMemPool::PoolUpdate({"mfnrAlgo"}, kFullHd, 0, 0) == 0; }));
         Session();
+        // The looper thread may still hold the service when DeletePool has
+        // joined it; holding it here as well makes the destructor, and its
+        // lines, run on this thread before the lines are read.
+        android::sp<qv::TalMemPoolThread> service = TalMemPool::poolThread;
         TalMemPool::DeletePool();
+        EXPECT_TRUE(WaitFor([&] { return service->getStrongCount() == 1; }));
+        service.clear();
         EXPECT_EQ(QvCamera::CameraBufferInterface::GetHeldBytes(), heldBefore) << "because nothing is kept";
         std::vector<Record> out;
         for (const auto& line : LogCapture::Lines()) {

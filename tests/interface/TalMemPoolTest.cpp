@@ -361,9 +361,15 @@ TEST_F(TalMemPoolThreadTest, ClearAllAndPoolUpdate_ImmediateRunAtOnceDelayedRunL
 
 TEST_F(TalMemPoolThreadTest, IdleSummary_IsLoggedOnce3000msAfterTheLastActivity)
 {
-    auto start = Clock::now();
     TalMemPool::ClearAll(0, 0); // pool work re-arms the summary; the only test of the fixed delay
     auto summaries = [] { return LogCapture::CountContaining("mTimeOutCount="); };
+    // Activity every 250 ms for longer than the delay: each call restarts it.
+    for (int i = 0; i < 14; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        TalMemPool::ReleasePool(qv::MallocInfo{64, 64, 35, 0});
+    }
+    EXPECT_EQ(summaries(), 0) << "because the library was never idle for 3000 ms";
+    auto start = Clock::now();
     ASSERT_TRUE(WaitFor([&] { return summaries() > 0; })) << LogCapture::Dump();
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(2900)) << "because it needs 3000 ms of idleness";
     std::this_thread::sleep_for(std::chrono::milliseconds(3500));
