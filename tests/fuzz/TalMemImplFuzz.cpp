@@ -157,7 +157,7 @@ private:
         int used = mMem.GetUsedNum(mPool);
         uint32_t maxFree = mMem.GetMaxFreeSize(mPool);
         Check(mCorrupt || used == static_cast<int>(mLive.size()), "the use count matches");
-        Check(maxFree <= mSize, "the largest free node fits the pool");
+        Check(mCorrupt || maxFree <= mSize, "the largest free node fits the pool");
     }
 
     // The headers of the nodes as far as a careful walk can step.
