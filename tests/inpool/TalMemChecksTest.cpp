@@ -201,3 +201,28 @@ TEST_F(TalMemChecksTest, MaxFreeRefresh_MatchesThePerHeadWalkOnHealthyAndBrokenL
 }
 
 } // namespace
+
+namespace {
+
+// A size word overwritten while the magic word survives must never lead the
+// allocator past the end node: the free node is refused with a line and a
+// freed neighbour does not merge with it.
+TEST_F(TalMemChecksTest, SizeWordOverwritten_AllocatorStaysInsideThePool)
+{
+    const uintptr_t a = Alloc(4096), b = Alloc(4096);
+    ASSERT_TRUE(a != 0 && b != 0);
+    qv::TalMemDynNode* rest = qv::TalNextNode(NodeOf(b)); // the big free node after b
+    ASSERT_TRUE(qv::TalNodeIsFree(rest));
+    sound = false;
+    rest->nodeSize += 0x40000000u - 8; // magic intact, size far beyond the 64 MiB pool
+    EXPECT_EQ(impl.TalMemAlloc(pool, 8192), 0u);
+    EXPECT_EQ(Errors("OsMemAllocWithCheck(112): node size check error\n"), 1) << LogCapture::Dump();
+
+    EXPECT_EQ(impl.TalMemFree(pool, b), 0) << "because b itself is sound";
+    EXPECT_EQ(Errors("OsMemFreeNode(133): next node size check error\n"), 1)
+        << "because the broken free neighbour is reported, not merged";
+
+    EXPECT_EQ(impl.TalMemFree(pool, a), 0) << "because a and the freed b merge as usual";
+}
+
+} // namespace
