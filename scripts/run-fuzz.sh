@@ -39,7 +39,7 @@ run() {
        UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
        "$OUT/$name" -max_total_time="$SECONDS_TO_RUN" -timeout=20 -rss_limit_mb=2048 \
        -print_final_stats=1 -artifact_prefix="$OUT/artifacts/$name-" \
-       "$@" "$corpus" >"$log" 2>&1; then
+       "$corpus" "$@" >"$log" 2>&1; then
     tail -n 60 "$log"
     echo "run-fuzz: $name FAILED (log: $log)"
     exit 1
