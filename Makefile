@@ -39,8 +39,8 @@ test-asan: deps
 	cmake --build build/asan -j$(JOBS)
 	ctest --test-dir build/asan --output-on-failure -j$(JOBS)
 
-# ThreadSanitizer: the whole suite, with suppressions only for the uninstrumented
-# Android platform libraries (tests/tsan.supp).
+# ThreadSanitizer: the whole suite, without any suppression (none is needed, not
+# even for the uninstrumented Android platform libraries).
 test-tsan: deps
 	cmake -S . -B build/tsan $(CMAKE_COMMON) -DTALMEM_TSAN=ON -DTALMEM_BUILD_BENCH=OFF \
 	  -DTALMEM_BUILD_TOOLS=OFF >/dev/null

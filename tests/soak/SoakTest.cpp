@@ -15,24 +15,9 @@
 #include <random>
 #include <vector>
 
-#include "../monitor/MonitorTestUtil.h"
 #include "CameraBufferInterface.h"
+#include "ServiceCounters.h"
 #include "SessionSupport.h"
-#include "interface/TalMemPoolThread.h"
-
-namespace qv {
-
-// Read access to the service's pool manager, under its lock.
-struct TalMemPoolThreadTestPeer {
-    template <typename Fn>
-    static auto WithImpl(TalMemPoolThread& s, Fn fn)
-    {
-        android::AutoMutex _l(s.mImplLock);
-        return fn(*s.memPoolImpl);
-    }
-};
-
-} // namespace qv
 
 using qv::TalMemPool;
 using QvCamera::CameraBufferInterface;
@@ -146,16 +131,7 @@ private:
 
     static void ExpectCountersZero()
     {
-        qv::TalMemPoolThreadTestPeer::WithImpl(*TalMemPool::poolThread, [](qv::TalMemPoolImpl& impl) {
-            qv::TalMemPoolMonitorPeer monitor(impl.monitor);
-            EXPECT_EQ(monitor.pool()[0], 0u) << "because every allocation was freed (allSize)";
-            EXPECT_EQ(monitor.pool()[1], 0u) << "SysSize";
-            EXPECT_EQ(monitor.pool()[2], 0u) << "allNum";
-            EXPECT_EQ(monitor.pool()[3], 0u) << "SysNum";
-            EXPECT_EQ(monitor.usedByType(), (std::vector<unsigned int>{0, 0, 0}));
-            EXPECT_TRUE(monitor.leakList().empty());
-            return 0;
-        });
+        EXPECT_EQ(CountersInUse(), kNothingInUse) << "because every allocation was freed";
     }
 
     std::mt19937& mRng;

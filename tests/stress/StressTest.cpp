@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "CameraBufferInterface.h"
+#include "ServiceCounters.h"
 #include "SessionSupport.h"
 
 using qv::TalMemPool;
@@ -280,8 +281,14 @@ TEST_F(StressTest, EightThreadsThroughEveryEntry_BuffersIntact_NothingHeldAfterL
     EXPECT_EQ(tally.corrupt.load(), 0u) << "because every buffer is private to its owner";
     EXPECT_EQ(tally.badIBuf.load(), 0u);
 
+    EXPECT_EQ(CountersInUse(), kNothingInUse) << "because every buffer was freed";
+    for (const qv::MallocInfo& info : kImages) {
+        TalMemPool::ReleasePool(info);
+    }
     TalMemPool::CameraClose();
     EXPECT_EQ(TalMemPool::ClearAll(0, 0), 0) << LogCapture::Dump();
+    EXPECT_EQ(CameraBufferInterface::GetHeldBytes(), heldBefore)
+        << "because nothing is in use, so the clear releases every pool and idle chunk";
     EXPECT_EQ(TalMemPool::reference, 1);
     TalMemPool::DeletePool();
     EXPECT_EQ(TalMemPool::poolThread, nullptr);
