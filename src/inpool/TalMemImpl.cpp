@@ -17,7 +17,6 @@ namespace qv {
 
 namespace {
 
-constexpr const char* kFatalExitProperty = "persist.vendor.talMemfatal.exit";
 constexpr const char* kDefaultName = "default";
 constexpr const char* kSentinelName = "sentinel";
 constexpr uint32_t kLargePoolLimit = 0xFFFFF;

@@ -74,6 +74,8 @@ public:
 
     bool FatalErrorExit() const { return mFatalErrorExit; }
 
+    static constexpr const char* kFatalExitProperty = "persist.vendor.talMemfatal.exit";
+
     // Number of broken invariants of a formatted pool: the nodes must tile
     // the space from the first node to the end node with agreeing prevNode
     // links, no two free nodes may be adjacent, every free node must be on

@@ -14,6 +14,9 @@ namespace qv {
 
 namespace {
 
+// The corruption report runs inside the node dump and speaks in its name.
+constexpr const char* kNodeDumpName = "OsMemNodeDump";
+
 // Whether stepping from `node` by its size lands on a node at or before the
 // end node. A size that is too small, misaligned or overshooting means the
 // header is broken even though its magic is right. Only the node before the
@@ -172,8 +175,8 @@ TalMemDynNode* TalMemImpl::WalkToBreak(TalMemPoolInfo* pool, TalMemDynNode** las
         if (!TalNodeMagicOk(node)) {
             return node;
         }
-        TAL_LOGD_FOR("OsMemNodeDump", "node_addr\t\tnode_size\t\tfree\t\t\n");
-        TAL_LOGD_FOR("OsMemNodeDump", "0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node),
+        TAL_LOGD_FOR(kNodeDumpName, "node_addr\t\tnode_size\t\tfree\t\t\n");
+        TAL_LOGD_FOR(kNodeDumpName, "0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node),
                     static_cast<int>(TalNodeSize(node)), TalNodeIsFree(node) ? 1 : 0);
         if (node == end) {
             return nullptr;
@@ -201,6 +204,8 @@ void TalMemImpl::ReportCorruption(TalMemPoolInfo* pool, TalMemDynNode* lastGood,
     }
     OsMemFatalLog(pool, broken);
     if (mFatalErrorExit) {
+        TAL_LOGE_FOR(kNodeDumpName, "%s(%d): fatal corruption and %s is set, abort\n", kNodeDumpName,
+                     233, kFatalExitProperty);
         abort();
     }
 }

@@ -95,7 +95,7 @@ void TalMemPoolMonitor::MoveLeakedChunks(ChunkMap& chunks, int allocateType, boo
 
 bool TalMemPoolMonitor::CheckMemChunkLeak(int allocateType)
 {
-    CheckTypeIndex(allocateType);
+    CheckTypeIndex(allocateType, __func__);
     bool leaked = false;
     MoveLeakedChunks(inPoolChunkMap, allocateType, leaked);
     MoveLeakedChunks(outPoolChunkMap, allocateType, leaked);
