@@ -20,6 +20,7 @@
 #include "CameraBufferInterface.h"
 #include "ServiceCounters.h"
 #include "SessionSupport.h"
+#include "talmem/TalMemControl.h"
 
 using qv::TalMemPool;
 using QvCamera::CameraBufferInterface;
@@ -30,12 +31,6 @@ namespace {
 constexpr int kThreads = 8;
 constexpr uint32_t kPool = 16 * kMiB;
 const qv::MallocInfo kImages[] = {{640, 480, 17, 0x33}, {1280, 720, 35, 0x33}};
-
-// The cache command input: the buffer's address and a byte count.
-struct CacheRange {
-    uintptr_t address;
-    uint32_t size;
-};
 
 int EnvInt(const char* name, int fallback)
 {
@@ -193,7 +188,7 @@ private:
         TalMemPool::MemPoolIoctl(static_cast<int32_t>(1 + Pick(3)), &videState);
         if (!mHeld.empty()) {
             const Held& held = mHeld[Pick(static_cast<uint32_t>(mHeld.size()))];
-            CacheRange range{reinterpret_cast<uintptr_t>(held.addr), held.size};
+            qv::TalCacheRange range{reinterpret_cast<uintptr_t>(held.addr), held.size};
             TalMemPool::MemPoolControl(static_cast<int32_t>(2 + Pick(2)), &range, nullptr);
         }
     }
