@@ -190,6 +190,13 @@ private:
             const Held& held = mHeld[Pick(static_cast<uint32_t>(mHeld.size()))];
             qv::TalCacheRange range{reinterpret_cast<uintptr_t>(held.addr), held.size};
             TalMemPool::MemPoolControl(static_cast<int32_t>(2 + Pick(2)), &range, nullptr);
+            if (held.image != nullptr) { // a descriptor for a camera buffer
+                qva_ibuf ibuf{};
+                if (TalMemPool::MemPoolControl(qv::TAL_MEM_CTRL_FILL_IBUF, held.image.get(), &ibuf) != 0 ||
+                    ibuf.getAddr(&ibuf) != held.addr) {
+                    mTally.badIBuf.fetch_add(1);
+                }
+            }
         }
     }
 
