@@ -60,7 +60,7 @@ bool LargestOnList(const LinkBounds& bounds, const TalDlList* head, uint32_t* be
             break;
         }
         --steps;
-        largest = node->nodeSize > largest ? node->nodeSize : largest;
+        largest = TalNodeSizeWord(node) > largest ? TalNodeSizeWord(node) : largest;
     }
     *best = largest;
     return sound;
@@ -83,7 +83,7 @@ TalMemDynNode* TalMemImpl::OsMemFindSuitableFreeBlock(TalMemPoolInfo* pool, uint
         for (TalDlList* link = head->nextLink; link != head && bounds.Holds(link) && steps > 0;
              link = link->nextLink, --steps) {
             TalMemDynNode* node = TalNodeOfLink(link);
-            if (node->nodeSize >= allocSize) {
+            if (TalNodeSizeWord(node) >= allocSize) {
                 return node;
             }
         }
