@@ -3,6 +3,9 @@
 //
 // Site numbers of "%s(%d)" in this file are 3xx.
 
+// One concern of TalMemImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemImpl.cpp"
+
 #include "inpool/TalMemImpl.h"
 
 #include "common/TalLog.h"
