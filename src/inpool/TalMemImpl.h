@@ -130,7 +130,8 @@ private:
         bool broken[kTalMultiHeadNum];
     };
     static void ScanFreeLists(TalMemPoolInfo* pool, FreeListScan* scan);
-    static void CopyName(char (&dest)[kTalNameLen], const char* src, const char* func);
+    // `dest` is a name field of kTalNameLen bytes.
+    static void CopyName(char* dest, const char* src, const char* func);
     static void WriteEndNode(TalMemPoolInfo* pool, TalMemDynNode* first);
     static int CheckPoolHeader(const TalMemPoolInfo* pool, const char* func, int site);
     static TalMemDynNode* NodeOfAddress(const TalMemPoolInfo* pool, uintptr_t address);

@@ -3,6 +3,9 @@
 //
 // Site numbers of "%s(%d)" and "line:%d" in this file are 2xx.
 
+// One concern of TalMemImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemImpl.cpp"
+
 #include "inpool/TalMemImpl.h"
 
 #include <cstdlib>
@@ -24,7 +27,7 @@ constexpr const char* kNodeDumpName = "OsMemNodeDump";
 // leaves it to that node.
 void LogBrokenNode(const char* op, const TalMemDynNode* node, const char* tail)
 {
-    TAL_LOGE_FOR(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", node->magic,
+    TAL_LOGE_FOR(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", TalNodeMagic(node),
              TalMaskAddr(node), TalMaskAddr(TalNodeHandedOut(node)),
              static_cast<int>(TalNodeSize(node)), tail);
 }
@@ -47,7 +50,7 @@ int TalMemImpl::OsMemIsNodeValid(const TalMemDynNode* node, const TalMemDynNode*
         return 0;
     }
     if (TalNodeIsFree(node)) {
-        uintptr_t prev = TalAddrOf(node->listNode.prevLink);
+        uintptr_t prev = TalAddrOf(TalNodeLinkPrev(node));
         if (prev >= startPool && prev < endPool) {
             return 1;
         }
@@ -78,15 +81,15 @@ int TalMemImpl::OsMemCheckUsedNode(TalMemPoolInfo* pool, TalMemDynNode* node)
     if (OsMemIsNodeValid(next, first, end, startPool, endPool) == 0) {
         return -100;
     }
-    if (next->prevNode != node) {
+    if (TalNodePrev(next) != node) {
         TAL_LOGE("%s(%d): other error  node 0x%lx nextNode->prevNode 0x%lx\n", __func__, 212,
-                 TalMaskAddr(node), TalMaskAddr(next->prevNode));
+                 TalMaskAddr(node), TalMaskAddr(TalNodePrev(next)));
         return -100;
     }
     if (node == first) {
         return 0;
     }
-    const TalMemDynNode* prev = node->prevNode;
+    const TalMemDynNode* prev = TalNodePrev(node);
     if (OsMemIsNodeValid(prev, first, end, startPool, endPool) == 0) {
         return -100;
     }
@@ -196,8 +199,8 @@ void TalMemImpl::ReportCorruption(TalMemPoolInfo* pool, TalMemDynNode* lastGood,
     // node just before the broken one, whose payload most likely overran.
     if (pool->fatalInfo.fatalAddr == 0) {
         if (lastGood != nullptr) {
-            OsMemRecordFatalInfo(pool, TalNodeHandedOut(lastGood), lastGood->algoName,
-                                 lastGood->moduleName);
+            OsMemRecordFatalInfo(pool, TalNodeHandedOut(lastGood), TalNodeAlgoName(lastGood),
+                                 TalNodeModuleName(lastGood));
         } else {
             OsMemRecordFatalInfo(pool, 0, nullptr, nullptr);
         }

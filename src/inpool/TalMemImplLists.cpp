@@ -3,6 +3,9 @@
 //
 // Site numbers of "%s(%d)" in this file are 3xx.
 
+// One concern of TalMemImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemImpl.cpp"
+
 #include "inpool/TalMemImpl.h"
 
 #include "common/TalLog.h"
@@ -60,7 +63,7 @@ bool LargestOnList(const LinkBounds& bounds, const TalDlList* head, uint32_t* be
             break;
         }
         --steps;
-        largest = node->nodeSize > largest ? node->nodeSize : largest;
+        largest = TalNodeSizeWord(node) > largest ? TalNodeSizeWord(node) : largest;
     }
     *best = largest;
     return sound;
@@ -83,7 +86,7 @@ TalMemDynNode* TalMemImpl::OsMemFindSuitableFreeBlock(TalMemPoolInfo* pool, uint
         for (TalDlList* link = head->nextLink; link != head && bounds.Holds(link) && steps > 0;
              link = link->nextLink, --steps) {
             TalMemDynNode* node = TalNodeOfLink(link);
-            if (node->nodeSize >= allocSize) {
+            if (TalNodeSizeWord(node) >= allocSize) {
                 return node;
             }
         }

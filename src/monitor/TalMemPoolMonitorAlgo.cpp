@@ -2,6 +2,9 @@
 // type, updated by allocations, releases and stream events, summarised and
 // pruned at end of stream, erased and checked when allocators leave.
 
+// One concern of TalMemPoolMonitor: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolMonitor.cpp"
+
 #include "monitor/TalMemPoolMonitor.h"
 
 #include <cstring>

@@ -1,6 +1,9 @@
 // Stream events, post-processing state and control commands: learning at
 // stream end, pool checks, release commands and cache maintenance.
 
+// One concern of TalMemPoolImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolImpl.cpp"
+
 #include "pool/TalMemPoolImpl.h"
 
 #include "chunk/TalMemChunk.h"

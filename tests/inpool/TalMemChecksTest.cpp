@@ -111,6 +111,7 @@ TEST_F(TalMemChecksTest, Overrun_FreeFailsTheFirstCorruptionIsRecordedOnceAndThe
     EXPECT_EQ(info()->fatalInfo.fatalAddr, a) << "because A's buffer precedes the broken header";
     std::string fatal = Fmt("fatalAddr 0x%lx algoName algoA moduleName modA \n", TalMaskAddr(a));
     EXPECT_EQ(Errors(fatal), 1);
+    EXPECT_EQ(LogCapture::Where(fatal), "TalMemImpl.cpp OsMemFatalLog") << "because the class logs as its source";
     EXPECT_EQ(Errors(Fmt("magicWord error 0x5a5a5a5a node 0x%lx pAddr 0x%lx nodeSize %d\n\n",
                          TalMaskAddr(NodeOf(b)), TalMaskAddr(b), static_cast<int>(TalNodeSize(NodeOf(b))))), 1);
     EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, Fmt("0x%lx\t\t%8d\t\t0\t\t\n", TalMaskAddr(NodeOf(a)),
