@@ -5,7 +5,8 @@ ROOT := $(CURDIR)
 OVERLAY := $(ROOT)/build/armhf-overlay
 CMAKE_COMMON := -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps host demo test test-host test-asan test-armhf test-fuzz bench clean
+.PHONY: all deps host demo test test-host test-asan test-tsan test-armhf test-fuzz soak-long fuzz-long \
+        bench clean
 
 all: host
 
@@ -27,6 +28,7 @@ bench: host
 test: deps
 	$(MAKE) test-host
 	$(MAKE) test-asan
+	$(MAKE) test-tsan
 	$(MAKE) test-fuzz
 	$(MAKE) test-armhf
 
@@ -38,6 +40,14 @@ test-asan: deps
 	  -DTALMEM_BUILD_TOOLS=OFF >/dev/null
 	cmake --build build/asan -j$(JOBS)
 	ctest --test-dir build/asan --output-on-failure -j$(JOBS)
+
+# ThreadSanitizer: the whole suite, without any suppression (none is needed, not
+# even for the uninstrumented Android platform libraries).
+test-tsan: deps
+	cmake -S . -B build/tsan $(CMAKE_COMMON) -DTALMEM_TSAN=ON -DTALMEM_BUILD_BENCH=OFF \
+	  -DTALMEM_BUILD_TOOLS=OFF >/dev/null
+	cmake --build build/tsan -j$(JOBS)
+	ctest --test-dir build/tsan --output-on-failure -j$(JOBS)
 
 test-armhf: deps
 	cmake -S . -B build/armhf $(CMAKE_COMMON) -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
@@ -62,5 +72,18 @@ package: deps
 package-check: package
 	./scripts/check-package.sh build/pkg
 
+# Long runs, never part of `make test`: an hour of the seeded camera soak under
+# AddressSanitizer (SOAK_SECONDS, SOAK_SEED) and an hour per fuzz target (FUZZ_SECONDS).
+SOAK_SECONDS ?= 3600
+SOAK_SEED ?= $(shell date +%s)
+soak-long: deps
+	cmake -S . -B build/asan $(CMAKE_COMMON) -DTALMEM_SANITIZE=ON -DTALMEM_BUILD_BENCH=OFF \
+	  -DTALMEM_BUILD_TOOLS=OFF >/dev/null
+	cmake --build build/asan -j$(JOBS) --target test_soak
+	TALMEM_SOAK_SECONDS=$(SOAK_SECONDS) TALMEM_SOAK_SEED=$(SOAK_SEED) ./build/asan/tests/test_soak
+
+fuzz-long: deps
+	FUZZ_SECONDS=$${FUZZ_SECONDS:-3600} ./scripts/run-fuzz.sh
+
 clean:
-	rm -rf build/host build/asan build/armhf build/fuzz build/pkg build/demo
+	rm -rf build/host build/asan build/tsan build/armhf build/fuzz build/pkg build/demo

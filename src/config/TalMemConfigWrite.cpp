@@ -1,5 +1,8 @@
 // Writing of the learnt peak-size table to the filter file.
 
+// One concern of TalMemConfig: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemConfig.cpp"
+
 #include "config/TalMemConfig.h"
 
 #include <tinyxml2.h>
@@ -61,12 +64,12 @@ void SyncDirectoryOf(const std::string& path)
     }
 }
 
-// Replaces `path` by `data` so that a crash or a full disk at any moment
-// leaves either the old file or the new one, never a truncated one: the data
-// goes to a temporary file beside it, reaches the disk, and is renamed over.
 // Temporaries are named after the file with this suffix, X replaced by mkostemp.
 constexpr const char kTemporarySuffix[] = ".XXXXXX";
 
+// Replaces `path` by `data` so that a crash or a full disk at any moment
+// leaves either the old file or the new one, never a truncated one: the data
+// goes to a temporary file beside it, reaches the disk, and is renamed over.
 int ReplaceFileAtomically(const std::string& path, const char* data, size_t len)
 {
     std::string pattern = path + kTemporarySuffix;

@@ -1,6 +1,9 @@
 // Pool allocation, preview reuse and preallocated sets: the ways a request is
 // served without a new direct chunk of its own.
 
+// One concern of TalMemPoolImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolImpl.cpp"
+
 #include "pool/TalMemPoolImpl.h"
 
 #include <algorithm>

@@ -9,6 +9,7 @@
 
 #include "CameraBufferFaults.h"
 #include "CameraBufferInterface.h"
+#include "ServiceCounters.h"
 #include "SessionSupport.h"
 
 using qv::TalMemPool;
@@ -60,12 +61,15 @@ protected:
         return intact ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "buffer not intact";
     }
 
-    // Closes the camera, clears and stops the service; the service then holds
-    // exactly what it held before the test.
+    // Checks that nothing is in use, closes the camera, clears and stops the
+    // service; the camera-buffer service then holds what it held before.
     void StopAndExpectNothingHeld()
     {
+        EXPECT_EQ(CountersInUse(), kNothingInUse) << "because every buffer was freed";
+        TalMemPool::ReleasePool(kImage);
         TalMemPool::CameraClose();
         EXPECT_EQ(TalMemPool::ClearAll(0, 0), 0) << LogCapture::Dump();
+        EXPECT_EQ(CameraBufferInterface::GetHeldBytes(), heldBefore) << "because the clear released everything idle";
         TalMemPool::DeletePool();
         EXPECT_EQ(TalMemPool::poolThread, nullptr);
         EXPECT_EQ(CameraBufferInterface::GetHeldBytes(), heldBefore)

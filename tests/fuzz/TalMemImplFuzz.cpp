@@ -29,6 +29,7 @@ using namespace qv;
 
 constexpr uint32_t kMaxPool = 1u << 20;
 uint64_t gErrors = 0; // ERROR lines logged by the allocator so far
+bool gTrace = false;  // TALMEM_FUZZ_TRACE=1: each operation on stderr, to study a crash input
 
 void CountErrors(const struct __android_logger_data* data, const char*)
 {
@@ -62,6 +63,10 @@ public:
 
     void Step(uint8_t op, uint8_t a, uint8_t b)
     {
+        if (gTrace) {
+            fprintf(stderr, "op %u %u %u (live %zu, corrupt %d, errors %llu)\n", op % 8, a, b, mLive.size(),
+                    mCorrupt, static_cast<unsigned long long>(gErrors));
+        }
         switch (op % 8) {
             case 0: case 1: case 2: Alloc(4096u * (a % 48) + b * 17u + 1); break;
             case 3: case 4: FreeLive(a); break;
@@ -148,8 +153,11 @@ private:
         if (!mCorrupt) {
             Check(rc != 0 && gErrors > before, "a stray address is refused with an error line");
         }
-        mCorrupt = mCorrupt || rc != 0; // a refused free may record a corruption in the header
-        mErrorsAtCorruption = mCorrupt ? gErrors : mErrorsAtCorruption;
+        if (rc != 0 && !mCorrupt) {
+            // A refused free may record a corruption in the header; its own lines report it.
+            mCorrupt = true;
+            mErrorsAtCorruption = before;
+        }
     }
 
     void Inspect()
@@ -157,7 +165,7 @@ private:
         int used = mMem.GetUsedNum(mPool);
         uint32_t maxFree = mMem.GetMaxFreeSize(mPool);
         Check(mCorrupt || used == static_cast<int>(mLive.size()), "the use count matches");
-        Check(maxFree <= mSize, "the largest free node fits the pool");
+        Check(mCorrupt || maxFree <= mSize, "the largest free node fits the pool");
     }
 
     // The headers of the nodes as far as a careful walk can step.
@@ -169,8 +177,9 @@ private:
             TalMemDynNode* node = TalNodeAt(at);
             nodes.push_back(node);
             uint32_t size = TalNodeSize(node);
-            if (!TalNodeMagicOk(node) || size < kTalNodeHeadSize || size % kTalNodeAlign != 0 ||
-                size > mPool + mSize - at) {
+            // The same steps as the allocator's own walk: only the last node may end off the alignment.
+            if (!TalNodeMagicOk(node) || TalAddrOf(node) == mPool + mSize - kTalNodeHeadSize ||
+                !TalStepIsSane(node, TalEndNode(TalPoolOf(mPool)))) {
                 break;
             }
             at += size;
@@ -185,15 +194,16 @@ private:
         const Field field = static_cast<Field>((which / 16) % kFieldCount);
         const uintptr_t bits = static_cast<uintptr_t>(flip | 1) << ((which / 64) * 8);
         switch (field) {
-            case kMagic: node->magic ^= static_cast<uint32_t>(bits); break;
+            case kMagic: TalSetNodeMagic(node, TalNodeMagic(node) ^ static_cast<uint32_t>(bits)); break;
             case kUsedMark:
                 if (TalNodeIsFree(node)) {
                     return; // a free node's links are list pointers; the allocator trusts them
                 }
-                node->listNode.prevLink = reinterpret_cast<TalDlList*>(TalAddrOf(node->listNode.prevLink) ^ bits);
+                TalStoreAt(TalAddrOf(TalNodeLink(node)) + offsetof(TalDlList, prevLink),
+                           TalAddrOf(TalNodeLinkPrev(node)) ^ bits);
                 break;
-            case kNodeSize: node->nodeSize ^= static_cast<uint32_t>(bits); break;
-            default: node->prevNode = TalNodeAt(TalAddrOf(node->prevNode) ^ bits); break;
+            case kNodeSize: TalSetNodeSizeWord(node, TalNodeSizeWord(node) ^ static_cast<uint32_t>(bits)); break;
+            default: TalSetNodePrev(node, TalNodeAt(TalAddrOf(TalNodePrev(node)) ^ bits)); break;
         }
         if (!mCorrupt) {
             mErrorsAtCorruption = gErrors;
@@ -211,7 +221,7 @@ private:
             }
             for (const Live& l : mLive) {
                 if (!TalNodeIsFree(node) && TalNodeHandedOut(node) == l.addr &&
-                    node->listNode.prevLink != TalUsedMarkPrev(node)) {
+                    !TalHasUsedMark(node)) {
                     return true;
                 }
             }
@@ -231,6 +241,8 @@ private:
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
+    const char* trace = getenv("TALMEM_FUZZ_TRACE");
+    gTrace = trace != nullptr && trace[0] == '1';
     __android_log_set_logger(CountErrors);
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     return 0;
@@ -241,11 +253,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 3) {
         return 0;
     }
-    // Sizes of every alignment are covered by the unit tests; here the pool
-    // keeps its headers aligned so that only the injected corruptions count.
+    // Any size from the smallest pool up: an odd size leaves the end node unaligned.
     uint32_t poolSize = kTalMinPoolSize + kTalNodeAlign +
                         (static_cast<uint32_t>(data[0]) << 12 | data[1] << 4 | data[2]) % kMaxPool;
-    poolSize -= poolSize % kTalNodeAlign;
     // The block ends exactly at the pool's end, so the redzone after it traps overruns.
     const uint32_t shift = (data[2] % 4) * kTalNodeAlign;
     void* block = nullptr;

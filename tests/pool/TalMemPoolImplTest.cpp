@@ -436,8 +436,9 @@ TEST_F(TalMemPoolImplTest, CacheCommands_ReachBuffersMadeByGeometryOverTheirReal
     ASSERT_EQ(impl.preAllocPoolMcMap.size(), 1u);
     const uintptr_t spare = reinterpret_cast<uintptr_t>(impl.preAllocPoolMcMap.begin()->first);
     EXPECT_EQ(impl.MemPoolCacheSync(2, spare, 4096), -1) << "because the preallocated chunk is free";
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "QvCamMem enter SysAllocCacheSync(3) cmd 2 pAddr 0x" + Hex(spare) +
-                                              " had been released\n"));
+    const std::string released = "QvCamMem enter SysAllocCacheSync(3) cmd 2 pAddr 0x" + Hex(spare) + " had been released\n";
+    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, released));
+    EXPECT_EQ(LogCapture::Where(released), "TalMemPoolImpl.cpp SysAllocCacheSync") << "because the class logs as its source";
     const uintptr_t buffers[] = {
         impl.Alloc(1920, 1080, kYuv420, 0, "mod", nullptr, "algo", 0), // sysMcMap
         impl.Alloc(video, "algo"),                                      // preAllocPoolMcMap, in use

@@ -18,7 +18,9 @@
 #include <vector>
 
 #include "CameraBufferInterface.h"
+#include "ServiceCounters.h"
 #include "SessionSupport.h"
+#include "talmem/TalMemControl.h"
 
 using qv::TalMemPool;
 using QvCamera::CameraBufferInterface;
@@ -29,12 +31,6 @@ namespace {
 constexpr int kThreads = 8;
 constexpr uint32_t kPool = 16 * kMiB;
 const qv::MallocInfo kImages[] = {{640, 480, 17, 0x33}, {1280, 720, 35, 0x33}};
-
-// The cache command input: the buffer's address and a byte count.
-struct CacheRange {
-    uintptr_t address;
-    uint32_t size;
-};
 
 int EnvInt(const char* name, int fallback)
 {
@@ -192,8 +188,15 @@ private:
         TalMemPool::MemPoolIoctl(static_cast<int32_t>(1 + Pick(3)), &videState);
         if (!mHeld.empty()) {
             const Held& held = mHeld[Pick(static_cast<uint32_t>(mHeld.size()))];
-            CacheRange range{reinterpret_cast<uintptr_t>(held.addr), held.size};
+            qv::TalCacheRange range{reinterpret_cast<uintptr_t>(held.addr), held.size};
             TalMemPool::MemPoolControl(static_cast<int32_t>(2 + Pick(2)), &range, nullptr);
+            if (held.image != nullptr) { // a descriptor for a camera buffer
+                qva_ibuf ibuf{};
+                if (TalMemPool::MemPoolControl(qv::TAL_MEM_CTRL_FILL_IBUF, held.image.get(), &ibuf) != 0 ||
+                    ibuf.getAddr(&ibuf) != held.addr) {
+                    mTally.badIBuf.fetch_add(1);
+                }
+            }
         }
     }
 
@@ -280,8 +283,14 @@ TEST_F(StressTest, EightThreadsThroughEveryEntry_BuffersIntact_NothingHeldAfterL
     EXPECT_EQ(tally.corrupt.load(), 0u) << "because every buffer is private to its owner";
     EXPECT_EQ(tally.badIBuf.load(), 0u);
 
+    EXPECT_EQ(CountersInUse(), kNothingInUse) << "because every buffer was freed";
+    for (const qv::MallocInfo& info : kImages) {
+        TalMemPool::ReleasePool(info);
+    }
     TalMemPool::CameraClose();
     EXPECT_EQ(TalMemPool::ClearAll(0, 0), 0) << LogCapture::Dump();
+    EXPECT_EQ(CameraBufferInterface::GetHeldBytes(), heldBefore)
+        << "because nothing is in use, so the clear releases every pool and idle chunk";
     EXPECT_EQ(TalMemPool::reference, 1);
     TalMemPool::DeletePool();
     EXPECT_EQ(TalMemPool::poolThread, nullptr);
