@@ -167,9 +167,12 @@ TEST_F(TalMemChecksDeathTest, Overrun_AbortsTheProcessWhenFatalExitIsSet)
     EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "QvCamMem TalMemImplInit mFatalErrorExit enabled\n"), 2);
     ASSERT_EQ(impl.TalMemImplInit(), 0);
     Trample(NodeOf(b));
+    // No thread runs here, so the child may fork without re-executing, which qemu-arm cannot do.
+    GTEST_FLAG_SET(death_test_style, "fast");
     EXPECT_DEATH((__android_log_set_logger(__android_log_stderr_logger), Free(b)),
                  "OsMemNodeDump\\(\\) OsMemNodeDump\\(233\\): fatal corruption and persist.vendor.talMemfatal.exit is set, abort")
         << "because a confirmed corruption ends the process, saying why";
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
 }
 
 // The straightforward refresh: for each head, walk every list from it to the last; a broken node
