@@ -131,13 +131,9 @@ protected:
         bool updated = false;
         EXPECT_TRUE(WaitFor([&] { return updated = updated || TalMemPool::PoolUpdate({"mfnrAlgo"}, kFullHd, 0, 0) == 0; }));
         Session();
-        // The looper thread may still hold the service when DeletePool has
-        // joined it; holding it here as well makes the destructor, and its
-        // lines, run on this thread before the lines are read.
-        android::sp<qv::TalMemPoolThread> service = TalMemPool::poolThread;
+        // The last DeletePool destroys the service, and logs its lines, before
+        // it returns.
         TalMemPool::DeletePool();
-        EXPECT_TRUE(WaitFor([&] { return service->getStrongCount() == 1; }));
-        service.clear();
         EXPECT_EQ(QvCamera::CameraBufferInterface::GetHeldBytes(), heldBefore) << "because nothing is kept";
         std::vector<Record> out;
         for (const auto& line : LogCapture::Lines()) {
