@@ -10,6 +10,8 @@
 // (default 1); the line printed at the end names both, so a failure can be
 // replayed.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -44,14 +46,16 @@ struct Buffer {
 
 class Session {
 public:
-    explicit Session(std::mt19937& rng) : mRng(rng) {}
+    Session(std::mt19937& rng, std::string filterFile) : mRng(rng), mFilterFile(std::move(filterFile)) {}
 
     // One camera session from NewPool to the last DeletePool.
     void Run(int frames)
     {
         std::list<std::string> algos{"mfnrAlgo", kCaptureAlgos[Pick(4)]};
+        const bool learnt = access(mFilterFile.c_str(), F_OK) == 0;
         ASSERT_TRUE(StartAndUpdate(algos)) << LogCapture::Dump();
-        learntLoaded = LogCapture::Count(ANDROID_LOG_DEBUG, kLearntLoaded) == 1;
+        EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, kLearntLoaded), learnt ? 1 : 0)
+            << "because a start reads the table that an earlier session wrote";
         for (int t = 0; t < 3; ++t) {
             TalMemPool::RegisterAllocatorRef(t, "soakNode");
         }
@@ -70,13 +74,17 @@ public:
         TalMemPool::CameraClose();
         LogCapture::Clear();
         ASSERT_EQ(TalMemPool::ClearAll(1, static_cast<int32_t>(Pick(20))), 0);
-        ASSERT_TRUE(WaitFor([] { return LogCapture::CountContaining("ClearAll free all pool success") > 0; }))
-            << LogCapture::Dump();
+        // A pool update still queued from the session may reopen the camera
+        // first; the clear is then refused and the last DeletePool frees all.
+        ASSERT_TRUE(WaitFor([this] {
+            clearDone = LogCapture::CountContaining("ClearAll free all pool success") > 0;
+            return clearDone || LogCapture::CountContaining("ClearAll stopped because needClearPools is false") > 0;
+        })) << LogCapture::Dump();
         TalMemPool::DeletePool();
     }
 
     uint64_t buffers = 0;
-    bool learntLoaded = false; // the start read the table the previous session learnt
+    bool clearDone = false; // the delayed clear ran and wrote the learnt table
 
 private:
     uint32_t Pick(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(mRng); }
@@ -135,6 +143,7 @@ private:
     }
 
     std::mt19937& mRng;
+    std::string mFilterFile;
     std::vector<Buffer> mHeld;
 };
 
@@ -149,23 +158,23 @@ TEST_F(SoakTest, SeededCameraSessions_NothingHeldCountersZeroLearntFileLoads)
     const uint32_t seed = static_cast<uint32_t>(EnvInt("TALMEM_SOAK_SEED", 1));
     std::mt19937 rng(seed);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    int sessions = 0, learntLoads = 0;
+    int sessions = 0, clears = 0;
     uint64_t buffers = 0;
     while (std::chrono::steady_clock::now() < end && !HasFailure()) {
         SCOPED_TRACE("session " + std::to_string(sessions));
         LogCapture::Clear();
-        Session session(rng);
+        Session session(rng, DevicePath("/data/vendor/camera/talmempoolfilter.xml"));
         session.Run(20 + static_cast<int>(rng() % 60));
         buffers += session.buffers;
-        learntLoads += session.learntLoaded ? 1 : 0;
+        clears += session.clearDone ? 1 : 0;
         ++sessions;
         EXPECT_EQ(TalMemPool::poolThread, nullptr);
         EXPECT_EQ(CameraBufferInterface::GetHeldBytes(), heldBefore) << "because the session is over";
     }
-    printf("soak: seed %u, %d s: %d sessions, %llu buffers, learnt file loaded %d times\n", seed, seconds,
-           sessions, static_cast<unsigned long long>(buffers), learntLoads);
+    printf("soak: seed %u, %d s: %d sessions, %llu buffers, %d delayed clears done\n", seed, seconds, sessions,
+           static_cast<unsigned long long>(buffers), clears);
     EXPECT_GE(sessions, 2);
-    EXPECT_EQ(learntLoads, sessions - 1) << "because every start after the first reads the learnt file";
+    EXPECT_GT(clears, 0) << "because most delayed clears find the camera closed";
     qv::TalMemConfig reader;
     qv::TalAlgoPeakMap table;
     LogCapture::Clear();
