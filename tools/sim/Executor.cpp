@@ -202,6 +202,7 @@ void Runner::WaitForLooper()
 void Runner::RunOne(const SimCall& call)
 {
     Pace(call);
+    mAccountant.Before(call, NowMs());
     CallOutcome out;
     out.call = &call;
     LogTap::BeginCall(&out.lines);
