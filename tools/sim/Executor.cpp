@@ -102,6 +102,7 @@ private:
     std::vector<Pending> mPending;
     uint64_t mClearsPosted = 0;
     bool mServiceDeleted = false;
+    uint64_t mServicesCreated = 0;
 };
 
 double Runner::NowMs() const
@@ -121,6 +122,9 @@ void Runner::Run()
     }
     for (auto& worker : workers) {
         worker.second.join();
+    }
+    if (mServiceDeleted) {
+        WaitForServiceGone();
     }
     mAccountant.Finish(NowMs());
 }
@@ -180,11 +184,12 @@ void Runner::Pace(const SimCall& call)
 }
 
 // The last DeletePool may return while the looper thread still holds the
-// service; a new service must not start beside the old one's pools.
+// service; a new service must not start beside the old one, and the run's
+// log must not close before the old one has logged its last line.
 void Runner::WaitForServiceGone()
 {
     const auto limit = Clock::now() + kSettleLimit;
-    while (QvCamera::CameraBufferInterface::GetHeldBytes() != 0 && Clock::now() < limit) {
+    while (mTap.ServicesDestroyed() < mServicesCreated && Clock::now() < limit) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     mServiceDeleted = false;
@@ -306,7 +311,9 @@ void Runner::IssueOther(const SimCall& call)
 {
     const std::string& e = call.entry;
     if (e == "NewPool") {
+        const bool none = qv::TalMemPool::poolThread == nullptr;
         qv::TalMemPool::NewPool();
+        mServicesCreated += (none && qv::TalMemPool::poolThread != nullptr) ? 1 : 0;
         WaitForLooper();
     } else if (e == "DeletePool") {
         qv::TalMemPool::DeletePool();
