@@ -15,6 +15,7 @@
 #include <utils/Mutex.h>
 #include <utils/StrongPointer.h>
 
+#include "talmem/TalMemControl.h"
 #include "talmem/qva_ibuf.h"
 
 #define TALMEM_EXPORT __attribute__((visibility("default")))
@@ -91,6 +92,8 @@ public:
     static void RegisterAllocatorRef(int32_t ref, const char* name);
     static void UnregisterAllocatorRef(int32_t ref, const char* name);
     static int32_t GetMemDumpInfo(int32_t type);
+    // Commands and their inputs: TalMemIoctlCmd and TalMemControlCmd in
+    // talmem/TalMemControl.h.
     static int32_t MemPoolIoctl(int32_t cmd, const void* arg);
     static int32_t MemPoolControl(int32_t cmd, const void* in, void* out);
 

@@ -67,6 +67,10 @@ public:
     void* GetAddr();
 
     uint32_t GetSize() { return size; }
+    // Bytes of memory behind the chunk's CPU address: the buffer's real size
+    // for a chunk made from a width, height and format (whose GetSize() is 0),
+    // the requested size for a heap block or a chunk not yet allocated.
+    uint32_t GetBufferSize() const { return info.size != 0 ? info.size : size; }
     uint32_t GetUsedSize() { return usedSize; }
     void SetUsedSize(uint32_t used) { usedSize = used; }
     int32_t GetUniqueId() const { return info.uniqueId; }

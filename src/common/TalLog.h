@@ -39,12 +39,20 @@ constexpr const char* kTalLogTag = "ZoEIS";
 
 } // namespace qv
 
+// The source file that log lines name: the file that logs, unless it set
+// TAL_LOG_SOURCE before its first include. A class split over several files
+// by concern logs under its own source file name, as a device log shows it:
+//     #define TAL_LOG_SOURCE "TalMemPoolMonitor.cpp"
+#ifndef TAL_LOG_SOURCE
+#define TAL_LOG_SOURCE ::qv::TalFileBase(__FILE__)
+#endif
+
 // One macro family for the whole library: "[LEVEL  ] file:line func() message".
 // The _FOR forms name another function in the prefix: shared helpers use them
 // to report on behalf of the public method that called them.
 #define TAL_LOG_FUNC_AT(func, prio, label, fmt, ...)                                        \
     __android_log_print((prio), ::qv::kTalLogTag, "[" label "] %s:%d %s() " fmt,            \
-                        ::qv::TalFileBase(__FILE__), __LINE__, (func), ##__VA_ARGS__)
+                        TAL_LOG_SOURCE, __LINE__, (func), ##__VA_ARGS__)
 
 #define TAL_LOGE_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_ERROR, "ERROR  ", fmt, ##__VA_ARGS__)
 #define TAL_LOGW_FOR(func, fmt, ...) TAL_LOG_FUNC_AT(func, ANDROID_LOG_WARN, "WARN   ", fmt, ##__VA_ARGS__)

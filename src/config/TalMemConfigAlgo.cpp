@@ -1,5 +1,8 @@
 // Reading of the algorithm elements into the peak-size table.
 
+// One concern of TalMemConfig: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemConfig.cpp"
+
 #include "config/TalMemConfig.h"
 
 #include <tinyxml2.h>

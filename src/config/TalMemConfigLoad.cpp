@@ -1,6 +1,9 @@
 // Reading of the pool configuration file: the fixed elements, the optional
 // limits and the hand-over of the allocate type.
 
+// One concern of TalMemConfig: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemConfig.cpp"
+
 #include "config/TalMemConfig.h"
 
 #include <tinyxml2.h>

@@ -1,5 +1,8 @@
 // Location of the configuration files and the choice of the file to load.
 
+// One concern of TalMemConfig: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemConfig.cpp"
+
 #include "config/TalMemConfig.h"
 
 #include <climits>

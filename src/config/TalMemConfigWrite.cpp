@@ -1,5 +1,8 @@
 // Writing of the learnt peak-size table to the filter file.
 
+// One concern of TalMemConfig: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemConfig.cpp"
+
 #include "config/TalMemConfig.h"
 
 #include <tinyxml2.h>

@@ -105,6 +105,13 @@ static_assert(kTalPoolHeadSize % kTalNodeAlign == 0, "the first node must be ali
 static_assert(kTalNodeHeadSize % kTalNodeAlign == 0, "node headers tile without gaps");
 
 // ---- tiny helpers: the only code that knows how the words are packed ----
+//
+// Every node but the end node starts on the header's alignment. The end node
+// occupies the last header-sized bytes of the pool, so a pool size off that
+// alignment (any odd size; 4 mod 8 with 8-byte pointers) leaves it unaligned.
+// Node fields are therefore never read or written as members: the helpers
+// below copy them byte-wise at their offsets, which is safe at any address
+// and compiles to plain loads and stores where the target allows.
 
 inline TalMemPoolInfo* TalPoolOf(uintptr_t pool)
 {
@@ -114,21 +121,99 @@ inline uintptr_t TalAddrOf(const void* p)
 {
     return reinterpret_cast<uintptr_t>(p);
 }
-inline uint32_t TalNodeSize(const TalMemDynNode* node)
-{
-    return node->nodeSize & kTalNodeSizeMask;
-}
-inline bool TalNodeIsFree(const TalMemDynNode* node)
-{
-    return static_cast<int32_t>(node->nodeSize) >= 0;
-}
-inline bool TalNodeMagicOk(const TalMemDynNode* node)
-{
-    return node->magic == kTalMemMagic;
-}
 inline TalMemDynNode* TalNodeAt(uintptr_t addr)
 {
     return reinterpret_cast<TalMemDynNode*>(addr);
+}
+template <typename T>
+inline T TalLoadAt(uintptr_t addr)
+{
+    T value;
+    memcpy(&value, reinterpret_cast<const void*>(addr), sizeof(value));
+    return value;
+}
+template <typename T>
+inline void TalStoreAt(uintptr_t addr, T value)
+{
+    memcpy(reinterpret_cast<void*>(addr), &value, sizeof(value));
+}
+
+#define TAL_NODE_FIELD(node, field) (TalAddrOf(node) + offsetof(TalMemDynNode, field))
+
+inline uint32_t TalNodeMagic(const TalMemDynNode* node)
+{
+    return TalLoadAt<uint32_t>(TAL_NODE_FIELD(node, magic));
+}
+inline void TalSetNodeMagic(TalMemDynNode* node, uint32_t magic)
+{
+    TalStoreAt(TAL_NODE_FIELD(node, magic), magic);
+}
+// The whole size word: size and used flag.
+inline uint32_t TalNodeSizeWord(const TalMemDynNode* node)
+{
+    return TalLoadAt<uint32_t>(TAL_NODE_FIELD(node, nodeSize));
+}
+inline void TalSetNodeSizeWord(TalMemDynNode* node, uint32_t word)
+{
+    TalStoreAt(TAL_NODE_FIELD(node, nodeSize), word);
+}
+inline TalMemDynNode* TalNodePrev(const TalMemDynNode* node)
+{
+    return TalLoadAt<TalMemDynNode*>(TAL_NODE_FIELD(node, prevNode));
+}
+inline void TalSetNodePrev(TalMemDynNode* node, TalMemDynNode* prev)
+{
+    TalStoreAt(TAL_NODE_FIELD(node, prevNode), prev);
+}
+inline void* TalNodeMcInfo(const TalMemDynNode* node)
+{
+    return TalLoadAt<void*>(TAL_NODE_FIELD(node, mcInfo));
+}
+inline void TalSetNodeMcInfo(TalMemDynNode* node, void* mcInfo)
+{
+    TalStoreAt(TAL_NODE_FIELD(node, mcInfo), mcInfo);
+}
+// The node's list link. Only free nodes are linked, and they are aligned.
+inline TalDlList* TalNodeLink(TalMemDynNode* node)
+{
+    return reinterpret_cast<TalDlList*>(TAL_NODE_FIELD(node, listNode));
+}
+inline TalDlList* TalNodeLinkPrev(const TalMemDynNode* node)
+{
+    return TalLoadAt<TalDlList*>(TAL_NODE_FIELD(node, listNode) + offsetof(TalDlList, prevLink));
+}
+inline TalDlList* TalNodeLinkNext(const TalMemDynNode* node)
+{
+    return TalLoadAt<TalDlList*>(TAL_NODE_FIELD(node, listNode) + offsetof(TalDlList, nextLink));
+}
+inline char* TalNodeAlgoName(TalMemDynNode* node)
+{
+    return reinterpret_cast<char*>(TAL_NODE_FIELD(node, algoName));
+}
+inline char* TalNodeModuleName(TalMemDynNode* node)
+{
+    return reinterpret_cast<char*>(TAL_NODE_FIELD(node, moduleName));
+}
+inline const char* TalNodeAlgoName(const TalMemDynNode* node)
+{
+    return reinterpret_cast<const char*>(TAL_NODE_FIELD(node, algoName));
+}
+inline const char* TalNodeModuleName(const TalMemDynNode* node)
+{
+    return reinterpret_cast<const char*>(TAL_NODE_FIELD(node, moduleName));
+}
+
+inline uint32_t TalNodeSize(const TalMemDynNode* node)
+{
+    return TalNodeSizeWord(node) & kTalNodeSizeMask;
+}
+inline bool TalNodeIsFree(const TalMemDynNode* node)
+{
+    return static_cast<int32_t>(TalNodeSizeWord(node)) >= 0;
+}
+inline bool TalNodeMagicOk(const TalMemDynNode* node)
+{
+    return TalNodeMagic(node) == kTalMemMagic;
 }
 inline TalMemDynNode* TalNextNode(const TalMemDynNode* node)
 {
@@ -149,7 +234,7 @@ inline uintptr_t TalNodeHandedOut(const TalMemDynNode* node)
 }
 inline TalDlList* TalUsedMarkPrev(const TalMemDynNode* node)
 {
-    return reinterpret_cast<TalDlList*>(~TalAddrOf(&node->listNode));
+    return reinterpret_cast<TalDlList*>(~TAL_NODE_FIELD(node, listNode));
 }
 inline TalDlList* TalUsedMarkNext()
 {
@@ -157,12 +242,12 @@ inline TalDlList* TalUsedMarkNext()
 }
 inline void TalSetUsedMark(TalMemDynNode* node)
 {
-    node->listNode.nextLink = TalUsedMarkNext();
-    node->listNode.prevLink = TalUsedMarkPrev(node);
+    TalStoreAt(TAL_NODE_FIELD(node, listNode) + offsetof(TalDlList, nextLink), TalUsedMarkNext());
+    TalStoreAt(TAL_NODE_FIELD(node, listNode) + offsetof(TalDlList, prevLink), TalUsedMarkPrev(node));
 }
 inline bool TalHasUsedMark(const TalMemDynNode* node)
 {
-    return node->listNode.prevLink == TalUsedMarkPrev(node);
+    return TalNodeLinkPrev(node) == TalUsedMarkPrev(node);
 }
 inline TalMemDynNode* TalFirstNode(const TalMemPoolInfo* pool)
 {
@@ -180,8 +265,7 @@ inline uint32_t* TalWordBefore(uintptr_t address)
 // The word is loaded without assuming alignment: the address may be bad input.
 inline uintptr_t TalNodeAddrOfAddress(uintptr_t address)
 {
-    uint32_t word;
-    memcpy(&word, reinterpret_cast<const void*>(address - sizeof(uint32_t)), sizeof(word));
+    const uint32_t word = TalLoadAt<uint32_t>(address - sizeof(uint32_t));
     uintptr_t payload = (word & kTalAlignMarkFlag) != 0 ? address - (word & kTalAlignGapMask) : address;
     return payload - kTalNodeHeadSize;
 }
@@ -192,9 +276,7 @@ inline bool TalNodeAligned(uintptr_t nodeAddr)
 // The first word of a would-be node, loaded without assuming alignment.
 inline uint32_t TalLoadMagic(uintptr_t nodeAddr)
 {
-    uint32_t magic;
-    memcpy(&magic, reinterpret_cast<const void*>(nodeAddr), sizeof(magic));
-    return magic;
+    return TalNodeMagic(TalNodeAt(nodeAddr));
 }
 // Used share in percent, in the pool's unsigned 32-bit arithmetic.
 inline uint32_t TalUseRatio(const TalMemPoolInfo* pool)
@@ -203,5 +285,7 @@ inline uint32_t TalUseRatio(const TalMemPoolInfo* pool)
 }
 
 } // namespace qv
+
+#undef TAL_NODE_FIELD
 
 #endif // TALMEM_INPOOL_TALMEMFORMAT_H

@@ -17,7 +17,6 @@ namespace qv {
 
 namespace {
 
-constexpr const char* kFatalExitProperty = "persist.vendor.talMemfatal.exit";
 constexpr const char* kDefaultName = "default";
 constexpr const char* kSentinelName = "sentinel";
 constexpr uint32_t kLargePoolLimit = 0xFFFFF;
@@ -36,7 +35,7 @@ TalDlList* HeadOf(TalMemPoolInfo* pool, uint32_t size)
 
 // The bounded copy of an owner name: at most 127 characters, the last byte
 // always NUL; a failed copy is reported in the name of `func`.
-void TalMemImpl::CopyName(char (&dest)[kTalNameLen], const char* src, const char* func)
+void TalMemImpl::CopyName(char* dest, const char* src, const char* func)
 {
     if (strncpy_s(dest, kTalNameLen, src, kTalNameLen - 1) != 0) {
         TAL_LOGE_FOR(func, "%s:strncpy_s data failed\n", func);
@@ -65,8 +64,8 @@ void TalMemImpl::OsMemNodeNameSet(TalMemDynNode* node, const char* algoName, con
     if (node == nullptr) {
         return;
     }
-    CopyName(node->algoName, algoName != nullptr ? algoName : kDefaultName, __func__);
-    CopyName(node->moduleName, moduleName != nullptr ? moduleName : kDefaultName, __func__);
+    CopyName(TalNodeAlgoName(node), algoName != nullptr ? algoName : kDefaultName, __func__);
+    CopyName(TalNodeModuleName(node), moduleName != nullptr ? moduleName : kDefaultName, __func__);
 }
 
 int TalMemImpl::TalMemInit(uintptr_t poolAddr, uint32_t size)
@@ -93,16 +92,16 @@ int TalMemImpl::TalMemInit(uintptr_t poolAddr, uint32_t size)
 
     uint32_t firstSize = size - kTalPoolOverhead;
     TalMemDynNode* first = TalFirstNode(pool);
-    first->prevNode = nullptr;
-    first->mcInfo = nullptr;
-    first->nodeSize = firstSize;
-    first->magic = kTalMemMagic;
+    TalSetNodePrev(first, nullptr);
+    TalSetNodeMcInfo(first, nullptr);
+    TalSetNodeSizeWord(first, firstSize);
+    TalSetNodeMagic(first, kTalMemMagic);
     OsMemNodeNameSet(first, kDefaultName, kDefaultName);
     TalDlList* head = HeadOf(pool, firstSize);
     if (head == nullptr) {
         return -100;
     }
-    TalList::TalListTailInsert(head, &first->listNode);
+    TalList::TalListTailInsert(head, TalNodeLink(first));
     pool->freeSize += firstSize;
     pool->freeNodeNum += 1;
 
@@ -123,24 +122,18 @@ int TalMemImpl::TalMemInit(uintptr_t poolAddr, uint32_t size)
     return 0;
 }
 
-// The end node occupies the pool's last header-sized bytes. A pool size that
-// is not a multiple of the header alignment leaves it unaligned there, so it
-// is composed aside and copied into place (the pool manager's chunks are
-// whole pages and never hit this).
+// The end node occupies the pool's last header-sized bytes: unaligned when
+// the pool size is off the header's alignment, which the field helpers allow.
 void TalMemImpl::WriteEndNode(TalMemPoolInfo* pool, TalMemDynNode* first)
 {
-    TalMemDynNode end;
-    memset_s(&end, kTalNodeHeadSize, 0, kTalNodeHeadSize);
-    uintptr_t endAddr = TalAddrOf(pool) + pool->poolSize - kTalNodeHeadSize;
-    end.prevNode = first;
-    end.mcInfo = nullptr;
-    end.magic = kTalMemMagic;
-    end.nodeSize = kTalNodeUsedFlag | kTalNodeHeadSize;
-    end.listNode.nextLink = TalUsedMarkNext();
-    end.listNode.prevLink =
-        reinterpret_cast<TalDlList*>(~(endAddr + offsetof(TalMemDynNode, listNode)));
-    OsMemNodeNameSet(&end, kSentinelName, kSentinelName);
-    memcpy(reinterpret_cast<void*>(endAddr), &end, kTalNodeHeadSize);
+    TalMemDynNode* end = TalEndNode(pool);
+    memset_s(end, kTalNodeHeadSize, 0, kTalNodeHeadSize);
+    TalSetNodePrev(end, first);
+    TalSetNodeMcInfo(end, nullptr);
+    TalSetNodeMagic(end, kTalMemMagic);
+    TalSetNodeSizeWord(end, kTalNodeUsedFlag | kTalNodeHeadSize);
+    TalSetUsedMark(end);
+    OsMemNodeNameSet(end, kSentinelName, kSentinelName);
 }
 
 int TalMemImpl::CheckPoolHeader(const TalMemPoolInfo* pool, const char* func, int site)
@@ -178,7 +171,7 @@ uintptr_t TalMemImpl::TalMemAlloc(uintptr_t poolAddr, uint32_t size)
     if (aligned == payload) {
         // No marker: the word before must read as the node's size word (on a
         // 64-bit build it is header padding, so write it explicitly).
-        *TalWordBefore(payload) = TalNodeAt(payload - kTalNodeHeadSize)->nodeSize;
+        *TalWordBefore(payload) = TalNodeSizeWord(TalNodeAt(payload - kTalNodeHeadSize));
         return payload;
     }
     *TalWordBefore(aligned) = static_cast<uint32_t>(aligned - payload) | kTalAlignMarkFlag;
@@ -188,9 +181,9 @@ uintptr_t TalMemImpl::TalMemAlloc(uintptr_t poolAddr, uint32_t size)
 void TalMemImpl::MarkNodeUsed(TalMemDynNode* node)
 {
     TalSetUsedMark(node);
-    node->magic = kTalMemMagic;
-    node->mcInfo = nullptr;
-    node->nodeSize |= kTalNodeUsedFlag;
+    TalSetNodeMagic(node, kTalMemMagic);
+    TalSetNodeMcInfo(node, nullptr);
+    TalSetNodeSizeWord(node, TalNodeSizeWord(node) | kTalNodeUsedFlag);
     OsMemNodeNameSet(node, kDefaultName, kDefaultName);
 }
 
@@ -239,7 +232,7 @@ uintptr_t TalMemImpl::OsMemAllocWithCheck(TalMemPoolInfo* pool, uint32_t size)
     if (allocSize + kTalSplitMinRest <= TalNodeSize(node)) {
         OsMemSpitNode(pool, node, allocSize);
     }
-    TalList::TalListDelete(&node->listNode);
+    TalList::TalListDelete(TalNodeLink(node));
     MarkNodeUsed(node);
     CountAllocated(pool, TalNodeSize(node));
     return TalNodePayload(node);
@@ -248,18 +241,18 @@ uintptr_t TalMemImpl::OsMemAllocWithCheck(TalMemPoolInfo* pool, uint32_t size)
 void TalMemImpl::OsMemSpitNode(TalMemPoolInfo* pool, TalMemDynNode* node, uint32_t allocSize)
 {
     TalMemDynNode* rest = TalNodeAt(TalAddrOf(node) + allocSize);
-    rest->prevNode = node;
-    rest->nodeSize = TalNodeSize(node) - allocSize;
-    node->nodeSize = allocSize;
-    rest->magic = kTalMemMagic;
-    rest->mcInfo = nullptr;
+    TalSetNodePrev(rest, node);
+    TalSetNodeSizeWord(rest, TalNodeSize(node) - allocSize);
+    TalSetNodeSizeWord(node, allocSize);
+    TalSetNodeMagic(rest, kTalMemMagic);
+    TalSetNodeMcInfo(rest, nullptr);
     OsMemNodeNameSet(rest, kDefaultName, kDefaultName);
 
     TalMemDynNode* next = TalNextNode(rest);
-    next->prevNode = rest;
+    TalSetNodePrev(next, rest);
     // A neighbour with a broken header is never merged: its links are garbage.
     if (TalNodeIsFree(next) && TalNodeMagicOk(next)) {
-        TalList::TalListDelete(&next->listNode);
+        TalList::TalListDelete(TalNodeLink(next));
         OsMemMergeNode(next);
     } else {
         pool->freeNodeNum += 1;
@@ -269,32 +262,32 @@ void TalMemImpl::OsMemSpitNode(TalMemPoolInfo* pool, TalMemDynNode* node, uint32
         TAL_LOGE("%s %d error\n\n", __func__, 121);
         return;
     }
-    TalList::TalListAdd(head, &rest->listNode);
+    TalList::TalListAdd(head, TalNodeLink(rest));
 }
 
 void TalMemImpl::OsMemMergeNode(TalMemDynNode* node)
 {
-    TalMemDynNode* prev = node->prevNode;
-    prev->nodeSize += node->nodeSize;
-    TalNextNode(node)->prevNode = prev;
+    TalMemDynNode* prev = TalNodePrev(node);
+    TalSetNodeSizeWord(prev, TalNodeSizeWord(prev) + TalNodeSizeWord(node));
+    TalSetNodePrev(TalNextNode(node), prev);
     memset_s(node, kTalNodeHeadSize, 0, kTalNodeHeadSize);
 }
 
 void TalMemImpl::OsMemFreeNode(TalMemDynNode* node, TalMemPoolInfo* pool)
 {
     uint32_t size = TalNodeSize(node);
-    node->nodeSize = size;
-    TalMemDynNode* prev = node->prevNode;
+    TalSetNodeSizeWord(node, size);
+    TalMemDynNode* prev = TalNodePrev(node);
     TalMemDynNode* keep = node;
     if (prev != nullptr && TalNodeIsFree(prev)) {
         OsMemMergeNode(node);
         pool->freeNodeNum -= 1;
         keep = prev;
-        TalList::TalListDelete(&prev->listNode);
+        TalList::TalListDelete(TalNodeLink(prev));
     }
     TalMemDynNode* next = TalNextNode(keep);
     if (TalNodeIsFree(next)) {
-        TalList::TalListDelete(&next->listNode);
+        TalList::TalListDelete(TalNodeLink(next));
         OsMemMergeNode(next);
         pool->freeNodeNum -= 1;
     }
@@ -303,7 +296,7 @@ void TalMemImpl::OsMemFreeNode(TalMemDynNode* node, TalMemPoolInfo* pool)
         TAL_LOGE("%s %d\n\n", __func__, keep == prev ? 131 : 132);
         return;
     }
-    TalList::TalListAdd(head, &keep->listNode);
+    TalList::TalListAdd(head, TalNodeLink(keep));
     CountFreed(pool, size);
 }
 
@@ -360,7 +353,7 @@ int TalMemImpl::TalMemSetMcInfo(uintptr_t address, void* mcInfo, const char* alg
         TAL_LOGE("%s(%d):check free error\n", __func__, 153);
         return -100;
     }
-    node->mcInfo = mcInfo;
+    TalSetNodeMcInfo(node, mcInfo);
     OsMemNodeNameSet(node, algoName, moduleName);
     return 0;
 }
@@ -389,7 +382,7 @@ void* TalMemImpl::TalMemGetMcInfo(uintptr_t poolAddr, uintptr_t address)
         TAL_LOGE("%s(%d):check free error\n", __func__, 164);
         return nullptr;
     }
-    return node->mcInfo;
+    return TalNodeMcInfo(node);
 }
 
 bool TalMemImpl::PoolAndEndNodeOk(TalMemPoolInfo* pool, const char* func, int site)

@@ -74,6 +74,8 @@ public:
 
     bool FatalErrorExit() const { return mFatalErrorExit; }
 
+    static constexpr const char* kFatalExitProperty = "persist.vendor.talMemfatal.exit";
+
     // Number of broken invariants of a formatted pool: the nodes must tile
     // the space from the first node to the end node with agreeing prevNode
     // links, no two free nodes may be adjacent, every free node must be on
@@ -128,7 +130,8 @@ private:
         bool broken[kTalMultiHeadNum];
     };
     static void ScanFreeLists(TalMemPoolInfo* pool, FreeListScan* scan);
-    static void CopyName(char (&dest)[kTalNameLen], const char* src, const char* func);
+    // `dest` is a name field of kTalNameLen bytes.
+    static void CopyName(char* dest, const char* src, const char* func);
     static void WriteEndNode(TalMemPoolInfo* pool, TalMemDynNode* first);
     static int CheckPoolHeader(const TalMemPoolInfo* pool, const char* func, int site);
     static TalMemDynNode* NodeOfAddress(const TalMemPoolInfo* pool, uintptr_t address);

@@ -3,6 +3,9 @@
 //
 // Site numbers of "%s(%d)" and "line:%d" in this file are 2xx.
 
+// One concern of TalMemImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemImpl.cpp"
+
 #include "inpool/TalMemImpl.h"
 
 #include <cstdlib>
@@ -13,6 +16,9 @@
 namespace qv {
 
 namespace {
+
+// The corruption report runs inside the node dump and speaks in its name.
+constexpr const char* kNodeDumpName = "OsMemNodeDump";
 
 // Whether stepping from `node` by its size lands on a node at or before the
 // end node. A size that is too small, misaligned or overshooting means the
@@ -28,7 +34,7 @@ bool StepIsSane(const TalMemDynNode* node, const TalMemDynNode* end)
 
 void LogBrokenNode(const char* op, const TalMemDynNode* node, const char* tail)
 {
-    TAL_LOGE_FOR(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", node->magic,
+    TAL_LOGE_FOR(op, "magicWord error 0x%x node 0x%lx pAddr 0x%lx nodeSize %d%s", TalNodeMagic(node),
              TalMaskAddr(node), TalMaskAddr(TalNodeHandedOut(node)),
              static_cast<int>(TalNodeSize(node)), tail);
 }
@@ -51,7 +57,7 @@ int TalMemImpl::OsMemIsNodeValid(const TalMemDynNode* node, const TalMemDynNode*
         return 0;
     }
     if (TalNodeIsFree(node)) {
-        uintptr_t prev = TalAddrOf(node->listNode.prevLink);
+        uintptr_t prev = TalAddrOf(TalNodeLinkPrev(node));
         if (prev >= startPool && prev < endPool) {
             return 1;
         }
@@ -82,15 +88,15 @@ int TalMemImpl::OsMemCheckUsedNode(TalMemPoolInfo* pool, TalMemDynNode* node)
     if (OsMemIsNodeValid(next, first, end, startPool, endPool) == 0) {
         return -100;
     }
-    if (next->prevNode != node) {
+    if (TalNodePrev(next) != node) {
         TAL_LOGE("%s(%d): other error  node 0x%lx nextNode->prevNode 0x%lx\n", __func__, 212,
-                 TalMaskAddr(node), TalMaskAddr(next->prevNode));
+                 TalMaskAddr(node), TalMaskAddr(TalNodePrev(next)));
         return -100;
     }
     if (node == first) {
         return 0;
     }
-    const TalMemDynNode* prev = node->prevNode;
+    const TalMemDynNode* prev = TalNodePrev(node);
     if (OsMemIsNodeValid(prev, first, end, startPool, endPool) == 0) {
         return -100;
     }
@@ -179,8 +185,8 @@ TalMemDynNode* TalMemImpl::WalkToBreak(TalMemPoolInfo* pool, TalMemDynNode** las
         if (!TalNodeMagicOk(node)) {
             return node;
         }
-        TAL_LOGD_FOR("OsMemNodeDump", "node_addr\t\tnode_size\t\tfree\t\t\n");
-        TAL_LOGD_FOR("OsMemNodeDump", "0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node),
+        TAL_LOGD_FOR(kNodeDumpName, "node_addr\t\tnode_size\t\tfree\t\t\n");
+        TAL_LOGD_FOR(kNodeDumpName, "0x%lx\t\t%8d\t\t%d\t\t\n", TalMaskAddr(node),
                     static_cast<int>(TalNodeSize(node)), TalNodeIsFree(node) ? 1 : 0);
         if (node == end) {
             return nullptr;
@@ -200,14 +206,16 @@ void TalMemImpl::ReportCorruption(TalMemPoolInfo* pool, TalMemDynNode* lastGood,
     // node just before the broken one, whose payload most likely overran.
     if (pool->fatalInfo.fatalAddr == 0) {
         if (lastGood != nullptr) {
-            OsMemRecordFatalInfo(pool, TalNodeHandedOut(lastGood), lastGood->algoName,
-                                 lastGood->moduleName);
+            OsMemRecordFatalInfo(pool, TalNodeHandedOut(lastGood), TalNodeAlgoName(lastGood),
+                                 TalNodeModuleName(lastGood));
         } else {
             OsMemRecordFatalInfo(pool, 0, nullptr, nullptr);
         }
     }
     OsMemFatalLog(pool, broken);
     if (mFatalErrorExit) {
+        TAL_LOGE_FOR(kNodeDumpName, "%s(%d): fatal corruption and %s is set, abort\n", kNodeDumpName,
+                     233, kFatalExitProperty);
         abort();
     }
 }

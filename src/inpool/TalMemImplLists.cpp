@@ -3,6 +3,9 @@
 //
 // Site numbers of "%s(%d)" in this file are 3xx.
 
+// One concern of TalMemImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemImpl.cpp"
+
 #include "inpool/TalMemImpl.h"
 
 #include "common/TalLog.h"
@@ -15,18 +18,75 @@ namespace {
 // The refresh reports a broken free node under this operation name.
 constexpr const char* kMaxFreeScanName = "OsMemGetMaxFreeNodeSize";
 
+// The addresses where a list link may lie in one pool: its size-class heads,
+// or the list link of an aligned header inside the node area. The links of a
+// smashed header are garbage, and following them would leave the pool. The
+// bounds are plain integers taken once per walk.
+struct LinkBounds {
+    explicit LinkBounds(const TalMemPoolInfo* pool)
+        : headsStart(TalAddrOf(pool->multiHead)),
+          headsEnd(headsStart + sizeof(pool->multiHead)),
+          nodesStart(TalAddrOf(TalFirstNode(pool))),
+          nodesEnd(TalAddrOf(TalEndNode(pool))),
+          maxSteps(pool->poolSize / kTalNodeHeadSize + kTalMultiHeadNum)
+    {
+    }
+    bool Holds(const TalDlList* link) const
+    {
+        const uintptr_t at = TalAddrOf(link);
+        if (at >= headsStart && at < headsEnd) {
+            return (at - headsStart) % sizeof(TalDlList) == 0;
+        }
+        const uintptr_t node = at - offsetof(TalMemDynNode, listNode);
+        return node >= nodesStart && node < nodesEnd && TalNodeAligned(node);
+    }
+
+    uintptr_t headsStart;
+    uintptr_t headsEnd;
+    uintptr_t nodesStart;
+    uintptr_t nodesEnd;
+    uint32_t maxSteps; // more steps than nodes and heads: a smashed link closed a cycle
+};
+
+// The largest node on the free list of `head` into *best; false when the
+// walk meets a header with a wrong magic or a link that leaves the pool, or
+// takes more steps than the pool has nodes.
+bool LargestOnList(const LinkBounds& bounds, const TalDlList* head, uint32_t* best)
+{
+    uint32_t largest = 0;
+    uint32_t steps = bounds.maxSteps;
+    bool sound = true;
+    for (const TalDlList* link = head->nextLink; link != head; link = link->nextLink) {
+        const TalMemDynNode* node = TalNodeOfLink(link);
+        if (steps == 0 || !bounds.Holds(link) || !TalNodeMagicOk(node)) {
+            sound = false;
+            break;
+        }
+        --steps;
+        largest = TalNodeSizeWord(node) > largest ? TalNodeSizeWord(node) : largest;
+    }
+    *best = largest;
+    return sound;
+}
+
 } // namespace
 
+// First fit by size alone: the magic word is the caller's to check, on the
+// node found, so a smashed node too small for the request is passed over
+// instead of failing every request of its class. A walk stops at a link that
+// leaves the pool, and after more steps than the pool has nodes (a smashed
+// link may close a cycle).
 TalMemDynNode* TalMemImpl::OsMemFindSuitableFreeBlock(TalMemPoolInfo* pool, uint32_t allocSize)
 {
     TalDlList* heads = pool->multiHead;
+    const LinkBounds bounds(pool);
+    uint32_t steps = bounds.maxSteps;
     for (TalDlList* head = TalDLinkMultiHead::OsDLnkMultiHead(heads, allocSize); head != nullptr;
          head = TalDLinkMultiHead::OsDLnkNextMultiHead(heads, head)) {
-        for (TalDlList* link = head->nextLink; link != head; link = link->nextLink) {
+        for (TalDlList* link = head->nextLink; link != head && bounds.Holds(link) && steps > 0;
+             link = link->nextLink, --steps) {
             TalMemDynNode* node = TalNodeOfLink(link);
-            // A broken node ends the search: its links cannot be followed,
-            // and the caller reports it.
-            if (!TalNodeMagicOk(node) || node->nodeSize >= allocSize) {
+            if (TalNodeSizeWord(node) >= allocSize) {
                 return node;
             }
         }
@@ -36,20 +96,9 @@ TalMemDynNode* TalMemImpl::OsMemFindSuitableFreeBlock(TalMemPoolInfo* pool, uint
 
 void TalMemImpl::ScanFreeLists(TalMemPoolInfo* pool, FreeListScan* scan)
 {
+    const LinkBounds bounds(pool);
     for (uint32_t i = 0; i < kTalMultiHeadNum; ++i) {
-        TalDlList* head = &pool->multiHead[i];
-        uint32_t best = 0;
-        bool broken = false;
-        for (TalDlList* link = head->nextLink; link != head; link = link->nextLink) {
-            const TalMemDynNode* node = TalNodeOfLink(link);
-            if (!TalNodeMagicOk(node)) {
-                broken = true;
-                break;
-            }
-            best = node->nodeSize > best ? node->nodeSize : best;
-        }
-        scan->maxSize[i] = best;
-        scan->broken[i] = broken;
+        scan->broken[i] = !LargestOnList(bounds, &pool->multiHead[i], &scan->maxSize[i]);
     }
 }
 

@@ -40,21 +40,21 @@ int TalMemImpl::TalMemCheckPool(const TalMemPoolInfo* pool, TalMemCheckReport re
             (size % kTalNodeAlign != 0 && TalNextNode(node) != end)) {
             return fail("broken node", node);
         }
-        if (node->prevNode != prev) {
+        if (TalNodePrev(node) != prev) {
             fail("wrong prevNode", node);
         }
         if (free && prev != nullptr && TalNodeIsFree(prev)) {
             fail("adjacent free nodes", node);
         }
-        if (!free && (!TalHasUsedMark(node) || node->listNode.nextLink != TalUsedMarkNext())) {
+        if (!free && (!TalHasUsedMark(node) || TalNodeLinkNext(node) != TalUsedMarkNext())) {
             fail("used node without the used mark", node);
         }
         bytes[free] += size;
         nodes[free] += 1;
         maxFree = free && size > maxFree ? size : maxFree;
     }
-    if (!TalNodeMagicOk(end) || end->nodeSize != (kTalNodeUsedFlag | kTalNodeHeadSize) || !TalHasUsedMark(end) ||
-        end->prevNode != prev || strcmp(end->algoName, "sentinel") != 0) {
+    if (!TalNodeMagicOk(end) || TalNodeSizeWord(end) != (kTalNodeUsedFlag | kTalNodeHeadSize) ||
+        !TalHasUsedMark(end) || TalNodePrev(end) != prev || strcmp(TalNodeAlgoName(end), "sentinel") != 0) {
         fail("end node broken", end);
     }
     // Every list entry must be a free node of the walk in the list's class;
@@ -70,7 +70,7 @@ int TalMemImpl::TalMemCheckPool(const TalMemPoolInfo* pool, TalMemCheckReport re
                 ++listed > nodes[1]) {
                 return fail("broken free list", head);
             }
-            const TalMemDynNode* before = node->prevNode;
+            const TalMemDynNode* before = TalNodePrev(node);
             if (before == nullptr ? node != first : !inWalk(before) || TalNextNode(before) != node) {
                 fail("listed node not in the walk", node);
             }

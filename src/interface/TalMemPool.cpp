@@ -1,6 +1,8 @@
 #include "talmem/TalMemPool.h"
 
+#include <chrono>
 #include <new>
+#include <thread>
 
 #include "chunk/TalMemChunk.h"
 #include "common/TalLog.h"
@@ -21,6 +23,26 @@ const std::string kUnknownName = "unknown";
 inline std::string NameOrUnknown(const char* name)
 {
     return name != nullptr ? std::string(name) : kUnknownName;
+}
+
+// How long DeletePool waits for the looper thread to drop its own reference.
+constexpr auto kReleaseWait = std::chrono::seconds(5);
+constexpr auto kReleasePoll = std::chrono::microseconds(200);
+
+// android::Thread's loop keeps a strong reference to the thread object until
+// its start routine returns, a moment after join() has woken. Waiting until
+// `holder` is the only owner left makes clearing it run the destructor here,
+// on the caller's thread. False when another owner outlasts the wait.
+bool WaitUntilSoleOwner(const android::sp<TalMemPoolThread>& holder)
+{
+    auto end = std::chrono::steady_clock::now() + kReleaseWait;
+    while (holder->getStrongCount() > 1) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(kReleasePoll);
+    }
+    return true;
 }
 
 } // namespace
@@ -71,6 +93,10 @@ void TalMemPool::DeletePool()
     if (reference == 0 && poolThread != nullptr) {
         poolThread->RequestExit();
         poolThread->join();
+        if (!WaitUntilSoleOwner(poolThread)) {
+            TAL_LOGW("QvCamMem %s service still referenced, destroyed by its last owner\n",
+                     __func__);
+        }
         poolThread.clear(); // the last strong reference: the service is destroyed
     }
 }

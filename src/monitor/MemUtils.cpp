@@ -75,7 +75,7 @@ unsigned int GraphicsSum(const char* caller)
 {
     graphics_memory_pss graphics_mem;
     if (memset_s(&graphics_mem, sizeof(graphics_mem), 0, sizeof(struct graphics_memory_pss)) != 0) {
-        TAL_LOGE("%s %s failed", caller,
+        TAL_LOGE_FOR(caller, "%s %s failed", caller,
                  "memset_s(&graphics_mem, sizeof(graphics_mem), 0, sizeof(struct graphics_memory_pss))");
     }
     if (read_memtrack_memory_(getpid(), &graphics_mem) != 0) {
@@ -84,11 +84,13 @@ unsigned int GraphicsSum(const char* caller)
     return graphics_mem.graphics + graphics_mem.gl + graphics_mem.other;
 }
 
-// One memtrack pss query: stores value >> 10 (bytes to KB) or logs `what`.
+// One memtrack pss query of read_memtrack_memory_, which its failure line
+// names: stores value >> 10 (bytes to KB) or logs `what`.
 bool ReadPss(ssize_t value, const char* what, unsigned int* out, int* result)
 {
     if (value < 0) {
-        TAL_LOGW("failed to get %s pss: %d\n", what, static_cast<int>(value));
+        TAL_LOGW_FOR("read_memtrack_memory_", "failed to get %s pss: %d\n", what,
+                     static_cast<int>(value));
         *result = static_cast<int>(value);
         return false;
     }

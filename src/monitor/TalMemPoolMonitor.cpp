@@ -88,11 +88,13 @@ const char* TalMemPoolMonitor::CaptureStatus2str(unsigned int status)
     return kUnknownName;
 }
 
-void TalMemPoolMonitor::CheckTypeIndex(int allocateType)
+void TalMemPoolMonitor::CheckTypeIndex(int allocateType, const char* func)
 {
     // The per-type arrays have three entries; callers validate first, so an
     // index outside them is a programming error that must not corrupt memory.
     if (allocateType < 0 || allocateType >= kAllocTypeNum) {
+        TAL_LOGE_FOR(func, "QvCamMem %s, ERROR! allocateType %d out of range [0, %d), abort\n",
+                     func, allocateType, kAllocTypeNum);
         std::abort();
     }
 }
@@ -179,7 +181,7 @@ void TalMemPoolMonitor::UpdatePoolStatus(TAL_MEM_MONITOR_TYPE type, int allocate
 {
     const bool sys = (type == TAL_MEM_MONITOR_SYS_ALLOC || type == TAL_MEM_MONITOR_SYS_FREE);
     if (type == TAL_MEM_MONITOR_POOL_ALLOC || type == TAL_MEM_MONITOR_SYS_ALLOC) {
-        CheckTypeIndex(allocateType);
+        CheckTypeIndex(allocateType, __func__);
         allSize += size;
         allNum += 1;
         usedSizeByType[allocateType] += size;
@@ -190,7 +192,7 @@ void TalMemPoolMonitor::UpdatePoolStatus(TAL_MEM_MONITOR_TYPE type, int allocate
         }
     } else if (type == TAL_MEM_MONITOR_POOL_FREE || type == TAL_MEM_MONITOR_SYS_FREE) {
         // Unguarded on purpose: an unbalanced release shows up as a wrapped total.
-        CheckTypeIndex(allocateType);
+        CheckTypeIndex(allocateType, __func__);
         allSize -= size;
         allNum -= 1;
         usedSizeByType[allocateType] -= size;

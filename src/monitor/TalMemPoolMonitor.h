@@ -195,7 +195,7 @@ public:
     // manager's peak learning at end of stream.
     const std::list<AlgoMemInfo>& GetAlgoInfoList(int allocateType) const
     {
-        CheckTypeIndex(allocateType);
+        CheckTypeIndex(allocateType, __func__);
         return algoInfoList[allocateType];
     }
     // Empties every algorithm list and zeroes the snapshot counters; the pool
@@ -254,16 +254,18 @@ private:
     unsigned int OutPoolSize() const;
     unsigned int IdleAddrMapSize() const;
 
-    // Aborts, silently, when a per-type array index is outside 0..2.
-    static void CheckTypeIndex(int allocateType);
+    // Aborts when a per-type array index is outside 0..2, after one ERROR
+    // line in the name of `func`, the operation that was handed the index.
+    static void CheckTypeIndex(int allocateType, const char* func);
 
     // Manager state read through the back pointer.
     unsigned int CaptureStatus() const;
     bool InCrossing() const;
     int ClearManager();
 
-    std::list<AlgoMemInfo>& AlgoList(int allocateType);
-    AlgoMemInfo* FindAlgo(int allocateType, const std::string& algoName);
+    // The record list of one allocate type; a bad type aborts in the name of `func`.
+    std::list<AlgoMemInfo>& AlgoList(int allocateType, const char* func);
+    AlgoMemInfo* FindAlgo(int allocateType, const std::string& algoName, const char* func);
     void MoveLeakedChunks(ChunkMap& chunks, int allocateType, bool& leaked);
     void RemoveLeakRecord(TalMemChunk* chunk);
     static TalMemPoolChunkInfo MakeChunkInfo(TalMemChunk* chunk, size_t size);

@@ -2,6 +2,9 @@
 // type, updated by allocations, releases and stream events, summarised and
 // pruned at end of stream, erased and checked when allocators leave.
 
+// One concern of TalMemPoolMonitor: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolMonitor.cpp"
+
 #include "monitor/TalMemPoolMonitor.h"
 
 #include <cstring>
@@ -29,15 +32,16 @@ inline void SubClamped(uint32_t& value, uint32_t amount)
 }
 } // namespace
 
-std::list<AlgoMemInfo>& TalMemPoolMonitor::AlgoList(int allocateType)
+std::list<AlgoMemInfo>& TalMemPoolMonitor::AlgoList(int allocateType, const char* func)
 {
-    CheckTypeIndex(allocateType);
+    CheckTypeIndex(allocateType, func);
     return algoInfoList[allocateType];
 }
 
-AlgoMemInfo* TalMemPoolMonitor::FindAlgo(int allocateType, const std::string& algoName)
+AlgoMemInfo* TalMemPoolMonitor::FindAlgo(int allocateType, const std::string& algoName,
+                                         const char* func)
 {
-    for (AlgoMemInfo& info : AlgoList(allocateType)) {
+    for (AlgoMemInfo& info : AlgoList(allocateType, func)) {
         if (NameMatches(info, algoName)) {
             return &info;
         }
@@ -71,7 +75,7 @@ void TalMemPoolMonitor::UpdateAlgoMemInfo(TAL_MEM_MONITOR_TYPE type, int allocat
             ReleaseUpdateAlgoInfo(allocateType, algoName);
             break;
         case TAL_MEM_MONITOR_CLEAR:
-            AlgoList(allocateType).clear();
+            AlgoList(allocateType, __func__).clear();
             break;
         case TAL_MEM_MONITOR_CHECK:
             CheckUpdateAlgoInfo(allocateType);
@@ -110,7 +114,7 @@ void TalMemPoolMonitor::InitAlgoInfo(AlgoMemInfo& info, const std::string& algoN
 void TalMemPoolMonitor::AllocUpdateAlgoInfo(int allocateType, const std::string& algoName,
                                             unsigned int size, int forceFromSys)
 {
-    AlgoMemInfo* info = FindAlgo(allocateType, algoName);
+    AlgoMemInfo* info = FindAlgo(allocateType, algoName, __func__);
     if (info != nullptr) {
         info->usedSizeCurrent += size;
         info->usedChunkNum += 1;
@@ -137,7 +141,7 @@ void TalMemPoolMonitor::AllocUpdateAlgoInfo(int allocateType, const std::string&
 void TalMemPoolMonitor::FreeUpdateAlgoInfo(int allocateType, const std::string& algoName,
                                            unsigned int size, int forceFromSys)
 {
-    AlgoMemInfo* info = FindAlgo(allocateType, algoName);
+    AlgoMemInfo* info = FindAlgo(allocateType, algoName, __func__);
     if (info == nullptr) {
         TAL_LOGE("QvCamMem dumpMemInfo %s, case COUNT_FREE: not found in AlgoMemInfo list. "
                  "algoName=%s size=%zu\n",
@@ -226,7 +230,7 @@ void TalMemPoolMonitor::DumpAlgoMemInfo(TAL_MEM_COUNT_TYPE type)
 
 void TalMemPoolMonitor::ReleaseUpdateAlgoInfo(int allocateType, const std::string& algoName)
 {
-    auto& list = AlgoList(allocateType);
+    auto& list = AlgoList(allocateType, __func__);
     for (auto it = list.begin(); it != list.end();) {
         if (NameMatches(*it, algoName)) {
             TAL_LOGD("QvCamMem %s() IPP_RELEASE: erase %s\n", __func__, it->algoName);
@@ -239,7 +243,7 @@ void TalMemPoolMonitor::ReleaseUpdateAlgoInfo(int allocateType, const std::strin
 
 void TalMemPoolMonitor::CheckUpdateAlgoInfo(int allocateType)
 {
-    auto& list = AlgoList(allocateType);
+    auto& list = AlgoList(allocateType, __func__);
     for (auto it = list.begin(); it != list.end();) {
         if (it->usedSizeCurrent != 0) {
             TAL_LOGE("QvCamMem %s() CHECK error: algoName(%s), current(%zu), peak(%zu), "

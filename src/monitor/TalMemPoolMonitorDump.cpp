@@ -1,6 +1,9 @@
 // Dumps and debug properties: the three print switches, GetMemDumpInfo and
 // the printers of the report lists.
 
+// One concern of TalMemPoolMonitor: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolMonitor.cpp"
+
 #include "monitor/TalMemPoolMonitor.h"
 
 #include "chunk/TalMemChunk.h"

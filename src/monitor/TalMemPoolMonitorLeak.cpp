@@ -2,6 +2,9 @@
 // modules that allocate, the leak check when the last of a type leaves, the
 // leak and allocation-failure reports, and the final clear of the manager.
 
+// One concern of TalMemPoolMonitor: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolMonitor.cpp"
+
 #include "monitor/TalMemPoolMonitor.h"
 
 #include <algorithm>
@@ -95,7 +98,7 @@ void TalMemPoolMonitor::MoveLeakedChunks(ChunkMap& chunks, int allocateType, boo
 
 bool TalMemPoolMonitor::CheckMemChunkLeak(int allocateType)
 {
-    CheckTypeIndex(allocateType);
+    CheckTypeIndex(allocateType, __func__);
     bool leaked = false;
     MoveLeakedChunks(inPoolChunkMap, allocateType, leaked);
     MoveLeakedChunks(outPoolChunkMap, allocateType, leaked);

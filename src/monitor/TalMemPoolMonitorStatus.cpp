@@ -1,6 +1,9 @@
 // Sizes and status lines: the pool size and used-size queries over the
 // monitor's chunk indexes and the manager's containers, and PrintStatus.
 
+// One concern of TalMemPoolMonitor: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolMonitor.cpp"
+
 #include "monitor/TalMemPoolMonitor.h"
 
 #include "chunk/TalMemChunk.h"

@@ -1,6 +1,9 @@
 // Pool allocation, preview reuse and preallocated sets: the ways a request is
 // served without a new direct chunk of its own.
 
+// One concern of TalMemPoolImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolImpl.cpp"
+
 #include "pool/TalMemPoolImpl.h"
 
 #include <algorithm>
@@ -171,7 +174,7 @@ void TalMemPoolImpl::ReleasePool(const MallocInfo& mallocInfo)
 {
     for (auto it = preAllocPoolMcMap.begin(); it != preAllocPoolMcMap.end();) {
         TalMemChunk* chunk = it->second;
-        if (!SameRequest(chunk, mallocInfo) || !chunk->preAlloc) {
+        if (chunk == nullptr || !SameRequest(chunk, mallocInfo) || !chunk->preAlloc) {
             ++it;
         } else if (chunk->inUse == 0) {
             DelMemChunk(chunk);

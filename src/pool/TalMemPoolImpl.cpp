@@ -170,7 +170,7 @@ uintptr_t TalMemPoolImpl::Alloc(const MallocInfo& mallocInfo, const std::string&
 {
     for (auto& entry : preAllocPoolMcMap) {
         TalMemChunk* chunk = entry.second;
-        if (chunk->GetWidth() == mallocInfo.width && chunk->GetHeight() == mallocInfo.height &&
+        if (chunk != nullptr && chunk->GetWidth() == mallocInfo.width && chunk->GetHeight() == mallocInfo.height &&
             chunk->GetFormat() == mallocInfo.format && chunk->GetUsage() == mallocInfo.usage &&
             chunk->preAlloc && chunk->inUse == 0) {
             chunk->inUse = 1;
@@ -354,6 +354,9 @@ void TalMemPoolImpl::SysFree(uintptr_t address)
 {
     auto sys = sysMcMap.find(Key(address));
     if (sys != sysMcMap.end()) {
+        if (DropNullEntry(sysMcMap, sys, "sysMcMap")) {
+            return;
+        }
         monitor.UpdateMemoryStatus(TAL_MEM_MONITOR_SYS_FREE, sys->second);
         DelMemChunk(sys->second);
         sysMcMap.erase(sys);
@@ -362,6 +365,9 @@ void TalMemPoolImpl::SysFree(uintptr_t address)
     auto prev = sysPrevMcMap.find(Key(address));
     if (prev != sysPrevMcMap.end()) {
         TalMemChunk* chunk = prev->second;
+        if (DropNullEntry(sysPrevMcMap, prev, "sysPrevMcMap")) {
+            return;
+        }
         if (chunk->inUse == 1) { // a second free of a reuse chunk changes nothing
             monitor.UpdateMemoryStatus(TAL_MEM_MONITOR_SYS_FREE, chunk);
             prevAllNeed -= chunk->GetUsedSize();
@@ -373,6 +379,9 @@ void TalMemPoolImpl::SysFree(uintptr_t address)
     auto pre = preAllocPoolMcMap.find(Key(address));
     if (pre != preAllocPoolMcMap.end()) {
         TalMemChunk* chunk = pre->second;
+        if (DropNullEntry(preAllocPoolMcMap, pre, "preAllocPoolMcMap")) {
+            return;
+        }
         if (chunk->preAlloc && !chunk->releasePending) {
             chunk->inUse = 0;
         } else {
@@ -380,6 +389,19 @@ void TalMemPoolImpl::SysFree(uintptr_t address)
             preAllocPoolMcMap.erase(pre);
         }
     }
+}
+
+bool TalMemPoolImpl::DropNullEntry(TalChunkMap& map, TalChunkMap::iterator entry,
+                                   const char* mapName)
+{
+    if (entry->second != nullptr) {
+        return false;
+    }
+    // Nothing to free behind a null entry; it only goes from the map.
+    TAL_LOGW_FOR("SysFree", "QvCamMem %s, ERROR! %s free fail addr 0x%lx \n", "SysFree", mapName,
+                 TalMaskAddr(entry->first));
+    map.erase(entry);
+    return true;
 }
 
 const qva_ibuf* TalMemPoolImpl::GetIBuf(uintptr_t address)

@@ -21,6 +21,7 @@
 #include "config/TalMemConfig.h"
 #include "inpool/TalMem.h"
 #include "monitor/TalMemPoolMonitor.h"
+#include "talmem/TalMemControl.h"
 #include "talmem/TalMemPool.h"
 #include "talmem/qva_ibuf.h"
 
@@ -40,13 +41,6 @@ struct AllocHint {
     uint32_t version;      // 0, 1, 2; any other value is treated as "no hint"
     uint32_t callerData;   // used by versions 0 and 1
     uint32_t requestUsage; // used by version 2; only the low 12 bits count
-};
-
-// Input of the cache commands of MemPoolCtrl(cmd, input, output): two words
-// on the 32-bit device (address, size); the address keeps the process's width.
-struct TalCacheRange {
-    uintptr_t address;
-    uint32_t size;
 };
 
 // Address -> chunk maps of the pool manager. The monitor binds to two of them.
@@ -202,6 +196,9 @@ private:
     // What one of the reuse maps holds at an address.
     enum class ReuseLookup { kAbsent, kNullChunk, kInUse };
     static ReuseLookup LookupReuseMap(TalChunkMap& map, uintptr_t address, TalMemChunk*& chunk);
+    // True when `entry` holds a null chunk: it is logged for SysFree and
+    // erased (a null entry owns nothing), so the caller stops there.
+    static bool DropNullEntry(TalChunkMap& map, TalChunkMap::iterator entry, const char* mapName);
     static void DestroyMap(TalChunkMap& map);
     // Folds one algorithm's stream peak into the learnt table.
     void LearnPeak(const std::string& name, uint32_t peak);

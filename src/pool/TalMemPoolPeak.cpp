@@ -3,6 +3,9 @@
 // the pools for the next stream, and a pool that proved too small records a
 // shortage that the next pool update adds.
 
+// One concern of TalMemPoolImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolImpl.cpp"
+
 #include "pool/TalMemPoolImpl.h"
 
 #include <algorithm>

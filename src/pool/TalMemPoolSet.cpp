@@ -2,6 +2,9 @@
 // learnt table, creation, resizing and release of the base and multi pools,
 // sizing from a learnt peak, and the clear after the camera closes.
 
+// One concern of TalMemPoolImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolImpl.cpp"
+
 #include "pool/TalMemPoolImpl.h"
 
 #include <cstdlib>

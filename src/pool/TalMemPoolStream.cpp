@@ -1,6 +1,9 @@
 // Stream events, post-processing state and control commands: learning at
 // stream end, pool checks, release commands and cache maintenance.
 
+// One concern of TalMemPoolImpl: its lines are logged under the class's own source.
+#define TAL_LOG_SOURCE "TalMemPoolImpl.cpp"
+
 #include "pool/TalMemPoolImpl.h"
 
 #include "chunk/TalMemChunk.h"
@@ -16,12 +19,12 @@ constexpr int32_t kPpStateMin = 1;
 constexpr int32_t kPpStateMax = 5;
 constexpr int32_t kPpUpdateLeave = 1; // a type left the crossing state
 constexpr int32_t kPpUpdateEnter = 2; // a type entered it
-constexpr int32_t kCtrlReleaseMultiPools = 1;
-constexpr int32_t kCtrlPrevForceFree = 2;
-constexpr int32_t kCtrlVideoState = 3;
-constexpr int32_t kCtrlFillIBuf = 1;
-constexpr int32_t kCacheFlush = 2;
-constexpr int32_t kCacheInvalidate = 3;
+constexpr int32_t kCtrlReleaseMultiPools = TAL_MEM_IOCTL_RELEASE_MULTI_POOLS;
+constexpr int32_t kCtrlPrevForceFree = TAL_MEM_IOCTL_PREVIEW_FORCE_FREE;
+constexpr int32_t kCtrlVideoState = TAL_MEM_IOCTL_VIDEO_STATE;
+constexpr int32_t kCtrlFillIBuf = TAL_MEM_CTRL_FILL_IBUF;
+constexpr int32_t kCacheFlush = TAL_MEM_CTRL_CACHE_FLUSH;
+constexpr int32_t kCacheInvalidate = TAL_MEM_CTRL_CACHE_INVALIDATE;
 
 // Chunk of `map` whose range holds `address` (inclusive at its base), or null.
 TalMemChunk* FindContaining(TalChunkMap& map, uintptr_t address)
@@ -29,7 +32,8 @@ TalMemChunk* FindContaining(TalChunkMap& map, uintptr_t address)
     for (auto& entry : map) {
         uintptr_t base = reinterpret_cast<uintptr_t>(entry.first);
         TalMemChunk* chunk = entry.second;
-        if (chunk != nullptr && base <= address && address < base + chunk->GetSize()) {
+        // Measured by the buffer itself: a chunk made by geometry has GetSize() 0.
+        if (chunk != nullptr && base <= address && address - base < chunk->GetBufferSize()) {
             return chunk;
         }
     }

@@ -111,6 +111,7 @@ TEST_F(TalMemChecksTest, Overrun_FreeFailsTheFirstCorruptionIsRecordedOnceAndThe
     EXPECT_EQ(info()->fatalInfo.fatalAddr, a) << "because A's buffer precedes the broken header";
     std::string fatal = Fmt("fatalAddr 0x%lx algoName algoA moduleName modA \n", TalMaskAddr(a));
     EXPECT_EQ(Errors(fatal), 1);
+    EXPECT_EQ(LogCapture::Where(fatal), "TalMemImpl.cpp OsMemFatalLog") << "because the class logs as its source";
     EXPECT_EQ(Errors(Fmt("magicWord error 0x5a5a5a5a node 0x%lx pAddr 0x%lx nodeSize %d\n\n",
                          TalMaskAddr(NodeOf(b)), TalMaskAddr(b), static_cast<int>(TalNodeSize(NodeOf(b))))), 1);
     EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, Fmt("0x%lx\t\t%8d\t\t0\t\t\n", TalMaskAddr(NodeOf(a)),
@@ -128,6 +129,31 @@ TEST_F(TalMemChecksTest, Overrun_FreeFailsTheFirstCorruptionIsRecordedOnceAndThe
     EXPECT_EQ(Errors("TalMemCheckFatalAddr " + fatal), 1);
 }
 
+// Free nodes of one size class, the smaller most recently freed: the search meets it first.
+TEST_F(TalMemChecksTest, Search_PassesOverASmashedNodeTooSmallAndChecksTheMagicOfTheNodeFoundOnly)
+{
+    const uint32_t smallSize = 40 * 1024, largeSize = 56 * 1024, between = 44 * 1024, below = 36 * 1024;
+    for (size_t smashed : {sizeof(uint32_t), offsetof(TalMemDynNode, prevNode)}) { // the magic; the links too
+        SCOPED_TRACE(smashed);
+        sound = true;
+        ASSERT_EQ(impl.TalMemInit(pool, kPoolSize), 0);
+        uintptr_t small = Alloc(smallSize), fence1 = Alloc(4096), large = Alloc(largeSize), fence2 = Alloc(4096);
+        ASSERT_TRUE(fence1 != 0 && fence2 != 0);
+        ASSERT_EQ(Free(large) + Free(small), 0);
+        Trample(NodeOf(small), smashed);
+        LogCapture::Clear();
+        const uintptr_t served = Alloc(between);
+        if (smashed == sizeof(uint32_t)) {
+            EXPECT_EQ(served, large) << "because the list is still walkable past the smashed node";
+        } else {
+            EXPECT_GT(served, fence2) << "because the rest of the list is unreachable, so the pool's tail serves";
+        }
+        EXPECT_EQ(Errors("OsMemAllocWithCheck(111): MAGIC_CHECK error\n"), 0);
+        EXPECT_EQ(Alloc(below), 0u) << "because the smashed node is the first fit and fails its check";
+        EXPECT_EQ(Errors("OsMemAllocWithCheck(111): MAGIC_CHECK error\n"), 1);
+    }
+}
+
 using TalMemChecksDeathTest = TalMemChecksTest;
 
 // The property's first character decides; then the overrun ends the process.
@@ -141,7 +167,9 @@ TEST_F(TalMemChecksDeathTest, Overrun_AbortsTheProcessWhenFatalExitIsSet)
     EXPECT_EQ(LogCapture::Count(ANDROID_LOG_DEBUG, "QvCamMem TalMemImplInit mFatalErrorExit enabled\n"), 2);
     ASSERT_EQ(impl.TalMemImplInit(), 0);
     Trample(NodeOf(b));
-    EXPECT_DEATH(Free(b), "") << "because a confirmed corruption ends the process";
+    EXPECT_DEATH((__android_log_set_logger(__android_log_stderr_logger), Free(b)),
+                 "OsMemNodeDump\\(\\) OsMemNodeDump\\(233\\): fatal corruption and persist.vendor.talMemfatal.exit is set, abort")
+        << "because a confirmed corruption ends the process, saying why";
 }
 
 // The straightforward refresh: for each head, walk every list from it to the last; a broken node

@@ -1,9 +1,11 @@
 #include "InpoolTest.h"
 
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <random>
 #include <tuple>
+#include <vector>
 
 #include "inpool/TalMem.h"
 #include "talmem_properties.h"
@@ -41,9 +43,6 @@ TEST_F(TalMemImplTest, Init_FormatsOneFreeNodeOfTheWholeSize)
                   "freeNodeNum:1, maxFreeNodeSize: %u, useRatio: 0%%\n", least, least)), 1);
     EXPECT_EQ(TalNodeSize(TalFirstNode(small.info())), least);
     EXPECT_EQ(impl.TalMemAlloc(small.addr(), 1), 0u);
-    if (sizeof(void*) == 4) { // an unaligned end node is read natively on the target only
-        EXPECT_EQ(impl.TalMemDumpInfo(small.addr()), 0) << "because a last node of 281 bytes is no corruption";
-    }
     uint32_t whole = kPoolSize - kTalPoolOverhead;
     EXPECT_EQ(info()->ratioFactor, 819200u / 64u);
     EXPECT_STREQ(TalFirstNode(info())->moduleName, "default");
@@ -59,6 +58,56 @@ TEST_F(TalMemImplTest, Init_FormatsOneFreeNodeOfTheWholeSize)
                   kTalNodeHeadSize, whole, whole, 2u, 1u) +
               Fmt("[OsMemAllocWithCheck] No suitable free block, require free node size: 0x%x, from mempool: 0x%lx\n",
                   0x70000000u + kTalAllocSlack, TalMaskAddr(pool)) + std::string(97, '-') + "\n");
+}
+
+// Pool sizes off the header's alignment leave the end node unaligned; every operation that reaches
+// it (split, merge, free checks, status walk, node dump) must read it safely.
+TEST_F(TalMemImplTest, EveryPoolSize_FromTheSmallestUp_FormatsAllocatesFreesAndDumpsCleanly)
+{
+    std::vector<uint32_t> sizes = {(2u << 20) + 100, (1u << 20) + 1};
+    for (uint32_t k = 0; k <= 15; ++k) {
+        sizes.push_back(kTalMinPoolSize + k);
+    }
+    talmem_test::MappedRegion region((2u << 20) + 8192);
+    const uintptr_t at = region.addr();
+    auto expectClean = [&](uint32_t usedNodes) {
+        TalMemPoolStatus status{};
+        EXPECT_EQ(talmem_test::PoolFailures(at), "");
+        EXPECT_EQ(impl.TalMemDumpInfo(at), 0);
+        EXPECT_EQ(impl.OsMemNodeDump(region.info()), 0);
+        EXPECT_EQ(impl.TalMemGetUsedNum(at), static_cast<int>(usedNodes));
+        EXPECT_EQ(impl.OsMemInfoGet(region.info(), &status), 0);
+        EXPECT_EQ(status.usedNodeNum, usedNodes + 2) << "because the walk counts the end node and one more";
+    };
+    for (uint32_t size : sizes) {
+        SCOPED_TRACE(size);
+        memset(region.base, 0xA5, region.size);
+        ASSERT_EQ(impl.TalMemInit(at, size), 0);
+        const uint32_t whole = size - kTalPoolOverhead;
+        expectClean(0);
+        EXPECT_EQ(impl.TalMemGetMaxFreeSize(at), whole);
+        if (whole < NodeSizeFor(1)) {
+            EXPECT_EQ(impl.TalMemAlloc(at, 1), 0u) << "because the single free node is too small";
+            expectClean(0);
+            continue;
+        }
+        // A split leaves the rest, of the pool's odd size, next to the end node; the free merges it back.
+        const uintptr_t first = impl.TalMemAlloc(at, 1);
+        ASSERT_NE(first, 0u);
+        expectClean(1);
+        ASSERT_EQ(impl.TalMemFree(at, first), 0);
+        expectClean(0);
+        // The whole node, end and all, to one request just small enough not to split.
+        const uint32_t biggest = whole - kTalAllocSlack - kTalNodeHeadSize - kTalNodeAlign;
+        const uintptr_t all = impl.TalMemAlloc(at, biggest);
+        ASSERT_NE(all, 0u);
+        EXPECT_EQ(TalNextNode(NodeOf(all)), TalEndNode(region.info()));
+        memset(reinterpret_cast<void*>(all), 0x3C, biggest);
+        expectClean(1);
+        EXPECT_EQ(impl.TalMemFree(at, all), 0);
+        expectClean(0);
+        EXPECT_EQ(impl.TalMemGetMaxFreeSize(at), whole) << "because every byte came back";
+    }
 }
 
 TEST_F(TalMemImplTest, Alloc_ReturnsPageAlignedAddressesResolvedWithOrWithoutMarker)

@@ -256,8 +256,10 @@ TEST_F(MonitorTest, BadInput_LogsItsMessageAndNeverCorruptsTheAccounts)
     // The pool status wraps on releases never allocated; the snapshot stops at zero.
     EXPECT_EQ(Counters({0u - 8192, 0u - 8192, 1, 1, 12288}), peer().pool());
     EXPECT_EQ(Counters({0, 8192, 0, 0, 0, 8192, 0, 0, 4096, 1, 4096, 1, 0, 0}), peer().snap());
-    // A caller that bypasses the type check aborts rather than index past the per-type arrays.
-    EXPECT_DEATH(monitor().CheckUpdateAlgoInfo(3), "");
+    // A caller that bypasses the type check aborts rather than index past the per-type arrays,
+    // saying why (the child prints its log to stderr, where the death test looks).
+    EXPECT_DEATH((__android_log_set_logger(__android_log_stderr_logger), monitor().CheckUpdateAlgoInfo(3)),
+                 "CheckUpdateAlgoInfo\\(\\) QvCamMem CheckUpdateAlgoInfo, ERROR! allocateType 3 out of range \\[0, 3\\), abort");
 }
 
 } // namespace

@@ -429,4 +429,68 @@ TEST_F(TalMemPoolImplTest, ControlCommands_ReleaseIdlePoolsByIdCountAndIdlePrevi
                                               " had been released\n"));
 }
 
+TEST_F(TalMemPoolImplTest, CacheCommands_ReachBuffersMadeByGeometryOverTheirRealSize)
+{
+    const qv::MallocInfo video{1920, 1080, kYuv420, 0}, still{640, 480, kYuv420, 0};
+    impl.PreAllocPool(still, "algo");
+    ASSERT_EQ(impl.preAllocPoolMcMap.size(), 1u);
+    const uintptr_t spare = reinterpret_cast<uintptr_t>(impl.preAllocPoolMcMap.begin()->first);
+    EXPECT_EQ(impl.MemPoolCacheSync(2, spare, 4096), -1) << "because the preallocated chunk is free";
+    const std::string released = "QvCamMem enter SysAllocCacheSync(3) cmd 2 pAddr 0x" + Hex(spare) + " had been released\n";
+    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, released));
+    EXPECT_EQ(LogCapture::Where(released), "TalMemPoolImpl.cpp SysAllocCacheSync") << "because the class logs as its source";
+    const uintptr_t buffers[] = {
+        impl.Alloc(1920, 1080, kYuv420, 0, "mod", nullptr, "algo", 0), // sysMcMap
+        impl.Alloc(video, "algo"),                                      // preAllocPoolMcMap, in use
+        impl.Alloc(still, "algo"),                                      // the preallocated one, now in use
+    };
+    EXPECT_EQ(buffers[2], spare);
+    for (uintptr_t addr : buffers) {
+        SCOPED_TRACE(Hex(addr));
+        ASSERT_NE(addr, 0u);
+        const qva_ibuf* ibuf = impl.GetIBuf(addr);
+        ASSERT_NE(ibuf, nullptr);
+        const uint32_t size = ibuf->getSize(ibuf);
+        ASSERT_GT(size, 4096u);
+        LogCapture::Clear();
+        EXPECT_EQ(impl.MemPoolCacheSync(2, addr, size), 0) << LogCapture::Dump();
+        EXPECT_EQ(impl.MemPoolCacheSync(3, addr + size - 1, 1), 0) << "because the last byte is the buffer's";
+        EXPECT_EQ(impl.MemPoolCacheSync(3, addr + size, 4096), -1) << "because the next byte is not";
+        EXPECT_TRUE(Logged(ANDROID_LOG_WARN, "QvCamMem enter SysAllocCacheSync(4) cmd 3 invalid pAddr 0x" +
+                                                 Hex(addr + size) + " size 4096 \n"));
+        impl.Free(addr);
+    }
+}
+
+TEST_F(TalMemPoolImplTest, NullMapEntries_AreSkippedByEveryLookupAndFreeDropsThemWithOneLine)
+{
+    const qv::MallocInfo still{640, 480, kYuv420, 0};
+    const struct { qv::TalChunkMap* map; const char* name; uintptr_t key; } entries[] = {
+        {&impl.sysMcMap, "sysMcMap", 0x11000}, {&impl.sysPrevMcMap, "sysPrevMcMap", 0x22000},
+        {&impl.preAllocPoolMcMap, "preAllocPoolMcMap", 0x33000}};
+    for (const auto& e : entries) {
+        (*e.map)[reinterpret_cast<void*>(e.key)] = nullptr;
+    }
+    impl.PreAllocPool(still, "algo");
+    const uintptr_t reused = impl.Alloc(still, "algo");
+    EXPECT_EQ(Chunk(impl.preAllocPoolMcMap, reused)->preAlloc, true) << "because the null entry is passed over";
+    impl.Free(reused);
+    impl.ReleasePool(still);
+    EXPECT_EQ(impl.preAllocPoolMcMap.size(), 1u) << "because only the null entry is left";
+    const uintptr_t preview = AllocSize(kMiB, 1);
+    EXPECT_NE(Chunk(impl.sysPrevMcMap, preview), nullptr);
+    impl.Free(preview);
+    EXPECT_EQ(impl.MemPoolCacheSync(2, 0x22000, 4096), -1);
+    for (const auto& e : entries) {
+        SCOPED_TRACE(e.name);
+        EXPECT_EQ(impl.GetIBuf(e.key), nullptr);
+        LogCapture::Clear();
+        impl.Free(e.key);
+        EXPECT_EQ(LogCapture::Count(ANDROID_LOG_WARN, "QvCamMem SysFree, ERROR! " + std::string(e.name) +
+                                                          " free fail addr 0x" + Hex(e.key) + " \n"), 1)
+            << LogCapture::Dump();
+        EXPECT_EQ(e.map->count(reinterpret_cast<void*>(e.key)), 0u) << "because a null entry owns nothing";
+    }
+}
+
 } // namespace

@@ -93,6 +93,7 @@ TEST_F(MemUtilsTest, Memtrack_HeldBufferBytesInKBAndEachFailureWithItsMessage)
         TalHostSetMemtrackFault(c.step, c.result);
         EXPECT_EQ(qv::read_memtrack_memory_(c.pid, &pss), c.result) << c.message;
         EXPECT_EQ(LogCapture::Count(ANDROID_LOG_WARN, c.message), 1) << LogCapture::Dump();
+        EXPECT_EQ(LogCapture::Where(c.message), "MemUtils.cpp read_memtrack_memory_");
     }
     EXPECT_EQ(MemUtils::countGraphicMem(), 0u) << "because memtrack still fails";
     TalHostSetMemtrackFault(TAL_MEMTRACK_OK, 0);

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <mutex>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "talmem_properties.h"
@@ -18,7 +19,19 @@ namespace {
 
 std::mutex gLock;
 std::vector<LogLine> gLines;
+std::set<std::string> gSourceFiles; // never cleared: every file named since the start
 bool gEcho = false;
+
+// "file" of "[LEVEL  ] file:line func() ", or "" for a line without the prefix.
+std::string SourceFileOf(const std::string& text)
+{
+    const size_t start = sizeof("[ERROR  ] ") - 1;
+    if (text.size() <= start || text[0] != '[' || text.compare(start - 2, 2, "] ") != 0) {
+        return std::string();
+    }
+    const size_t colon = text.find(':', start);
+    return colon == std::string::npos ? std::string() : text.substr(start, colon - start);
+}
 
 void CaptureLogger(const struct __android_logger_data* data, const char* message)
 {
@@ -28,7 +41,9 @@ void CaptureLogger(const struct __android_logger_data* data, const char* message
         fprintf(stderr, "%d %s%s", line.priority, line.text.c_str(),
                 (!line.text.empty() && line.text.back() == '\n') ? "" : "\n");
     }
+    std::string file = SourceFileOf(line.text);
     std::lock_guard<std::mutex> guard(gLock);
+    gSourceFiles.insert(std::move(file));
     gLines.push_back(std::move(line));
 }
 
@@ -68,6 +83,24 @@ int LogCapture::CountContaining(const std::string& fragment)
     return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& l) {
         return l.text.find(fragment) != std::string::npos;
     }));
+}
+
+std::set<std::string> LogCapture::SourceFiles()
+{
+    std::lock_guard<std::mutex> guard(gLock);
+    return gSourceFiles;
+}
+
+std::string LogCapture::Where(const std::string& message)
+{
+    for (const LogLine& line : Lines()) {
+        if (line.message == message) {
+            static const std::regex prefix(R"(^\[[A-Z ]{7}\] ([^ :]+):[0-9]+ ([^ ]*)\(\) )");
+            std::smatch m;
+            return std::regex_search(line.text, m, prefix) ? m[1].str() + " " + m[2].str() : "";
+        }
+    }
+    return "";
 }
 
 std::string LogCapture::Dump()

@@ -9,6 +9,7 @@
 
 #include <android/log.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,10 @@ public:
     static int Count(int priority, const std::string& message);
     // Lines of any priority whose full text contains `fragment`.
     static int CountContaining(const std::string& fragment);
+    // "file function" of the prefix of the first line whose message is `message`; "" if none.
+    static std::string Where(const std::string& message);
+    // Every source file named by a line since the process started (Clear keeps them).
+    static std::set<std::string> SourceFiles();
     // All captured text joined by newlines, for failure messages.
     static std::string Dump();
 };
