@@ -5,6 +5,7 @@
 
 #include <regex>
 
+#include "SimCall.h"
 #include "SimTestUtil.h"
 #include "interface/TalMemRecorder.h"
 #include "talmem/TalMemPool.h"
@@ -86,6 +87,30 @@ TEST_F(RecorderTest, FailingWrite_TurnsRecordingOffWithOneWarnAndChangesNothingE
     recorded.erase(recorded.begin());
     EXPECT_EQ(recorded, plain) << "because recording changes no line of the library";
     EXPECT_FALSE(qv::TalMemRecorder::On());
+}
+
+// Names with blanks, '=' or ',' and null names survive the trip through the
+// trace: the recorder escapes them and the replayer's reader decodes them.
+TEST_F(RecorderTest, Texts_AreEscapedByTheRecorderAndDecodedByTheReader)
+{
+    TalHostSetProperty("persist.vendor.talmem.record", "1");
+    TalMemPool::NewPool();
+    void* a = TalMemPool::Malloc(4096, "my node", nullptr, "a=b,c%", 2);
+    TalMemPool::Free(a, nullptr, nullptr);
+    TalMemPool::DeletePool();
+    qv::TalMemRecorder::Reset();
+    const std::string text = ReadFile(trace_);
+    EXPECT_NE(text.find("Malloc size=4096 name=my%20node hint=~ algo=a%3Db%2Cc%25 type=2 -> id=1"),
+              std::string::npos) << text;
+    const std::vector<talsim::SimCall> calls = talsim::ParseTrace(text, trace_);
+    ASSERT_EQ(calls.size(), 4u);
+    std::string name, algo;
+    ASSERT_TRUE(talsim::DecodeText(calls[1].Arg("name"), &name));
+    ASSERT_TRUE(talsim::DecodeText(calls[1].Arg("algo"), &algo));
+    EXPECT_EQ(name, "my node");
+    EXPECT_EQ(algo, "a=b,c%");
+    EXPECT_EQ(calls[2].Arg("name"), "~") << "a null name stays null";
+    EXPECT_EQ(calls[2].Arg("id"), "1");
 }
 
 } // namespace
