@@ -8,6 +8,7 @@
 #include "SimCall.h"
 #include "SimTestUtil.h"
 #include "interface/TalMemRecorder.h"
+#include "talmem/TalMemControl.h"
 #include "talmem/TalMemPool.h"
 #include "talmem_properties.h"
 
@@ -39,6 +40,8 @@ protected:
         TalMemPool::NewPool();
         void* a = TalMemPool::Malloc(3 * kMiB, "node", nullptr, "algoA", 0);
         EXPECT_NE(TalMemPool::GetIBuf(a), nullptr);
+        const qv::TalCacheRange range{reinterpret_cast<uintptr_t>(a), 4096};
+        TalMemPool::MemPoolControl(2, &range, nullptr);
         TalMemPool::Free(a, "node", nullptr);
         TalMemPool::Free(a, "node", nullptr); // unknown by now
         EXPECT_EQ(TalMemPool::ClearAll(0, 0), -1) << "because the camera never closed";
@@ -65,6 +68,7 @@ TEST_F(RecorderTest, On_WritesVersionedLinesWithIdsThreadsAndResults)
         "\\d+ T1 NewPool -> \n"
         "\\d+ T1 Malloc size=3145728 name=node hint=~ algo=algoA type=0 -> id=1\n"
         "\\d+ T1 GetIBuf id=1 -> ok\n"
+        "\\d+ T1 MemPoolControl cmd=2 id=1 size=4096 -> -?\\d\n"
         "\\d+ T1 Free id=1 name=node -> \n"
         "\\d+ T1 Free id=x name=node -> \n"
         "\\d+ T1 ClearAll mode=0 delay=0 -> -1\n"

@@ -16,6 +16,7 @@
 #include "Accountant.h"
 #include "CameraBufferInterface.h"
 #include "interface/TalMemPoolThread.h"
+#include "talmem/TalMemControl.h"
 #include "talmem/TalMemPool.h"
 
 namespace talsim {
@@ -423,10 +424,9 @@ void Runner::IssueControl(const SimCall& call)
         // foreign buffer of the device cannot be rebuilt here and is skipped.
         const int32_t cmd = static_cast<int32_t>(call.Int("cmd"));
         if ((cmd == 2 || cmd == 3) && call.Has("id")) {
-            const uint32_t words[2] = {
-                static_cast<uint32_t>(reinterpret_cast<uintptr_t>(Addr(call))),
-                static_cast<uint32_t>(call.Int("size"))};
-            Check(call, qv::TalMemPool::MemPoolControl(cmd, words, nullptr));
+            const qv::TalCacheRange range{reinterpret_cast<uintptr_t>(Addr(call)),
+                                          static_cast<uint32_t>(call.Int("size"))};
+            Check(call, qv::TalMemPool::MemPoolControl(cmd, &range, nullptr));
         }
     }
 }
