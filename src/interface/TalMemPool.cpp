@@ -1,4 +1,5 @@
 #include "talmem/TalMemPool.h"
+#include "talmem/TalMemControl.h"
 
 #include <chrono>
 #include <new>
@@ -385,10 +386,9 @@ int32_t TalMemPool::MemPoolControl(int32_t cmd, const void* in, void* out)
         if ((cmd == 2 || cmd == 3) && in != nullptr) {
             // Cache commands: the range as the allocation id of its start, if
             // the start is one, and the size.
-            const uint32_t* words = static_cast<const uint32_t*>(in);
-            rec.Arg("id", TalMemRecorder::IdOf(reinterpret_cast<const void*>(
-                              static_cast<uintptr_t>(words[0]))));
-            rec.Arg("size", words[1]);
+            const TalCacheRange* range = static_cast<const TalCacheRange*>(in);
+            rec.Arg("id", TalMemRecorder::IdOf(reinterpret_cast<const void*>(range->address)));
+            rec.Arg("size", range->size);
         }
     }
     TAL_REQUIRE_SERVICE(-1);

@@ -60,12 +60,16 @@ void Accountant::Begin()
     mEventsAtStart = mTap.Events();
 }
 
+void Accountant::Before(const SimCall& call, double ms)
+{
+    if (call.entry == "PoolUpdate" && mClosed) {
+        CutSession(call, ms);
+    }
+}
+
 void Accountant::After(const CallOutcome& outcome)
 {
     const SimCall& call = *outcome.call;
-    if (call.entry == "PoolUpdate" && mClosed) {
-        CutSession(call, outcome.ms);
-    }
     if (!mStarted) {
         mStarted = true;
         mCurrent.startMs = outcome.ms;

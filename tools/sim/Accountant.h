@@ -30,6 +30,9 @@ public:
     Accountant(LogTap& tap, RunFigures& figures, std::string learntPath);
 
     void Begin();
+    // Before a call runs: a PoolUpdate after a close opens the next session,
+    // so that the pools it makes count there.
+    void Before(const SimCall& call, double ms);
     void After(const CallOutcome& outcome);
     void Finish(double ms);
 

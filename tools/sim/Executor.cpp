@@ -16,6 +16,7 @@
 #include "Accountant.h"
 #include "CameraBufferInterface.h"
 #include "interface/TalMemPoolThread.h"
+#include "talmem/TalMemControl.h"
 #include "talmem/TalMemPool.h"
 
 namespace talsim {
@@ -102,6 +103,7 @@ private:
     std::vector<Pending> mPending;
     uint64_t mClearsPosted = 0;
     bool mServiceDeleted = false;
+    uint64_t mServicesCreated = 0;
 };
 
 double Runner::NowMs() const
@@ -121,6 +123,9 @@ void Runner::Run()
     }
     for (auto& worker : workers) {
         worker.second.join();
+    }
+    if (mServiceDeleted) {
+        WaitForServiceGone();
     }
     mAccountant.Finish(NowMs());
 }
@@ -180,11 +185,12 @@ void Runner::Pace(const SimCall& call)
 }
 
 // The last DeletePool may return while the looper thread still holds the
-// service; a new service must not start beside the old one's pools.
+// service; a new service must not start beside the old one, and the run's
+// log must not close before the old one has logged its last line.
 void Runner::WaitForServiceGone()
 {
     const auto limit = Clock::now() + kSettleLimit;
-    while (QvCamera::CameraBufferInterface::GetHeldBytes() != 0 && Clock::now() < limit) {
+    while (mTap.ServicesDestroyed() < mServicesCreated && Clock::now() < limit) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     mServiceDeleted = false;
@@ -202,6 +208,7 @@ void Runner::WaitForLooper()
 void Runner::RunOne(const SimCall& call)
 {
     Pace(call);
+    mAccountant.Before(call, NowMs());
     CallOutcome out;
     out.call = &call;
     LogTap::BeginCall(&out.lines);
@@ -305,7 +312,9 @@ void Runner::IssueOther(const SimCall& call)
 {
     const std::string& e = call.entry;
     if (e == "NewPool") {
+        const bool none = qv::TalMemPool::poolThread == nullptr;
         qv::TalMemPool::NewPool();
+        mServicesCreated += (none && qv::TalMemPool::poolThread != nullptr) ? 1 : 0;
         WaitForLooper();
     } else if (e == "DeletePool") {
         qv::TalMemPool::DeletePool();
@@ -415,10 +424,9 @@ void Runner::IssueControl(const SimCall& call)
         // foreign buffer of the device cannot be rebuilt here and is skipped.
         const int32_t cmd = static_cast<int32_t>(call.Int("cmd"));
         if ((cmd == 2 || cmd == 3) && call.Has("id")) {
-            const uint32_t words[2] = {
-                static_cast<uint32_t>(reinterpret_cast<uintptr_t>(Addr(call))),
-                static_cast<uint32_t>(call.Int("size"))};
-            Check(call, qv::TalMemPool::MemPoolControl(cmd, words, nullptr));
+            const qv::TalCacheRange range{reinterpret_cast<uintptr_t>(Addr(call)),
+                                          static_cast<uint32_t>(call.Int("size"))};
+            Check(call, qv::TalMemPool::MemPoolControl(cmd, &range, nullptr));
         }
     }
 }

@@ -159,6 +159,9 @@ void LogTap::ReadPoolLine(const std::string& text, bool onWorker)
     } else if (Has(text, "PoolCreateImpl Failed!") || Has(text, "invalid poolSize(")) {
         mResizing = false;
     }
+    if (Has(text, "enter ~TalMemPoolMonitor()")) {
+        ++mDestroyed;
+    }
     if (!onWorker && (Has(text, "ClearAll free all pool success") ||
                       Has(text, "ClearAll failed") || Has(text, "ClearAll stopped because"))) {
         ++mAsyncClears;
@@ -181,6 +184,12 @@ uint64_t LogTap::AsyncClearsDone()
 {
     std::lock_guard<std::mutex> l(mLock);
     return mAsyncClears;
+}
+
+uint64_t LogTap::ServicesDestroyed()
+{
+    std::lock_guard<std::mutex> l(mLock);
+    return mDestroyed;
 }
 
 uint64_t LogTap::ErrorLines()

@@ -58,6 +58,9 @@ public:
     // The service was destroyed: its pools went with it, without a line.
     void ServiceGone();
     uint64_t ErrorLines();
+    // Services fully taken down: the pool manager's monitor logs its
+    // destructor as the last step of a service's destruction.
+    uint64_t ServicesDestroyed();
 
     // Entry point of the logger (public for the C callback).
     void OnLine(int priority, const char* tag, const char* message);
@@ -74,6 +77,7 @@ private:
     bool mResizing = false;
     uint64_t mAsyncClears = 0;
     uint64_t mErrors = 0;
+    uint64_t mDestroyed = 0;
 };
 
 } // namespace talsim

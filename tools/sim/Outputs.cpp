@@ -192,7 +192,7 @@ bool DrawTimeline(const std::string& csvPath, const std::string& pngPath, const 
     if (gp == nullptr) {
         return false;
     }
-    fprintf(gp, "set terminal png size 1400,600\nset output '%s'\n", pngPath.c_str());
+    fprintf(gp, "set terminal png noenhanced size 1400,600\nset output '%s'\n", pngPath.c_str());
     fprintf(gp, "set datafile separator ','\nset key autotitle columnhead outside\n"
                 "set xlabel 'time (s)'\nset ylabel 'MiB'\nset grid\n");
     fprintf(gp, "set title 'camera memory: reserved (pools + direct chunks) and live by type'\n");

@@ -77,10 +77,18 @@ RunResult RunCalls(const RunRequest& request)
         options.progress = request.progress;
         Execute(request.calls, options, tap, result.figures);
         qv::TalMemRecorder::Reset(); // the clean-up below is not part of the trace
-        while (qv::TalMemPool::reference > 0) {
-            qv::TalMemPool::DeletePool(); // a trace may end with the service running
+        if (qv::TalMemPool::reference > 0) {
+            // A trace may end with the service running: take it down before
+            // the log closes.
+            const uint64_t destroyed = tap.ServicesDestroyed();
+            while (qv::TalMemPool::reference > 0) {
+                qv::TalMemPool::DeletePool();
+            }
+            const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            while (tap.ServicesDestroyed() == destroyed && std::chrono::steady_clock::now() < limit) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
         }
-        WaitUntilNothingHeld();
     }
     ws.Leave();
     result.configPath = ConfigFromLog(out + "/talmem.log");

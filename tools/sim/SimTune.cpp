@@ -82,10 +82,10 @@ void WriteConfig(const Candidate& best, const std::string& path)
 int Tune(const std::string& scenarioPath, const TuneOptions& options)
 {
     const Scenario sc = LoadScenario(scenarioPath, kTuneClearDelayMs);
-    std::vector<int> bases = options.baseMib.empty() ? std::vector<int>{64, 100, 128, 150, 160, 200}
+    std::vector<int> bases = options.baseMib.empty() ? std::vector<int>{64, 96, 128, 150, 176, 200}
                                                       : options.baseMib;
     std::vector<int> multis = options.multiMib.empty()
-                                  ? std::vector<int>{100, 128, 160, 192, 220, 250}
+                                  ? std::vector<int>{100, 250}
                                   : options.multiMib;
     std::vector<Candidate> candidates;
     const bool tty = isatty(STDERR_FILENO) != 0;

@@ -1,5 +1,6 @@
 // Reading and writing the call trace of the library's recorder.
 
+#include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <map>
@@ -243,6 +244,10 @@ std::vector<SimCall> ParseTrace(const std::string& text, const std::string& file
     int lineNo = 0;
     bool header = false;
     const std::string expected = "# talmem-trace " + std::to_string(kTraceVersion);
+    if (!text.empty() && text.back() != '\n') {
+        Bad(file, static_cast<int>(std::count(text.begin(), text.end(), '\n')) + 1,
+            "the last line has no line end (truncated trace?)");
+    }
     while (std::getline(in, line)) {
         ++lineNo;
         if (line.compare(0, 15, "# talmem-trace ") == 0) {
@@ -263,9 +268,6 @@ std::vector<SimCall> ParseTrace(const std::string& text, const std::string& file
     }
     if (!header) {
         Bad(file, lineNo, "empty trace: expected the header \"" + expected + "\"");
-    }
-    if (!text.empty() && text.back() != '\n') {
-        Bad(file, lineNo, "last line has no line end (truncated trace?)");
     }
     CheckIds(calls, file);
     return calls;
