@@ -51,7 +51,11 @@ done
 run_node() {
   local exe="$1" root="$work/device-$2"
   cp -r "$prefix/share/talmemorypool_zoeis/samples/device" "$root"
-  ldd "$exe" | grep -q "libtalmemorypool_zoeis.so.1 => $prefix/lib/" \
+  # The pkg-config file finds its prefix from its own folder, so the path the
+  # loader reports may run through lib/pkgconfig/../..: compare canonical paths.
+  local loaded
+  loaded="$(ldd "$exe" | awk '/libtalmemorypool_zoeis.so.1 =>/ {print $3}')"
+  [ -n "$loaded" ] && [ "$(realpath "$loaded")" = "$(realpath "$prefix/lib/libtalmemorypool_zoeis.so.1")" ] \
     || fail "$exe does not load the installed library: $(ldd "$exe" | grep talmem)"
   TALMEM_ROOT="$root" "$exe" 2>"$work/$2.log" || { cat "$work/$2.log" >&2; fail "$exe exited $?"; }
 }
