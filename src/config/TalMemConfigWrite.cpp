@@ -64,8 +64,11 @@ void SyncDirectoryOf(const std::string& path)
     }
 }
 
-// Temporaries are named after the file with this suffix, X replaced by mkostemp.
-constexpr const char kTemporarySuffix[] = ".XXXXXX";
+// Temporaries are named after the file with this suffix, X replaced by
+// mkostemp; the ".tmp-" part keeps a user's own "talmempoolfilter.xml.backup"
+// from ever being taken for one.
+constexpr const char kTemporaryMark[] = ".tmp-";
+constexpr const char kTemporarySuffix[] = ".tmp-XXXXXX";
 
 // Replaces `path` by `data` so that a crash or a full disk at any moment
 // leaves either the old file or the new one, never a truncated one: the data
@@ -90,12 +93,12 @@ int ReplaceFileAtomically(const std::string& path, const char* data, size_t len)
     return 0;
 }
 
-// True for "<base>.XXXXXX" with any six characters in place of the X.
+// True for "<base>.tmp-XXXXXX" with any six characters in place of the X.
 bool IsTemporaryOf(const char* entry, const std::string& base)
 {
     const size_t suffixLen = sizeof(kTemporarySuffix) - 1;
     return strlen(entry) == base.size() + suffixLen && strncmp(entry, base.c_str(), base.size()) == 0 &&
-           entry[base.size()] == '.';
+           strncmp(entry + base.size(), kTemporaryMark, sizeof(kTemporaryMark) - 1) == 0;
 }
 
 } // namespace

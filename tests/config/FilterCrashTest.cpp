@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
@@ -119,6 +121,28 @@ TEST_F(FilterCrashTest, WriterKilledAtRandomMoments_FileAlwaysWholeAndLoadable_N
     }
     printf("filter crash: %d kills, %d left a temporary, %d found the second table\n", kKills, leftovers, sawNew);
     EXPECT_GT(leftovers, 0) << "because some kills must land in the middle of a write";
+}
+
+TEST_F(FilterCrashTest, LoadRemovesOnlyTheWritersTemporaries_UserFilesBesideTheTableStay)
+{
+    const std::string dir = DevicePath("/data/vendor/camera/");
+    qv::TalMemConfig config;
+    Configure(config);
+    ASSERT_EQ(config.UploadAlgoPeakMem(Table(1)), 0);
+    for (const char* name : {"talmempoolfilter.xml.tmp-a1B2c3", "talmempoolfilter.xml.backup", "talmempoolfilter.xml.tmp-1"}) {
+        std::FILE* f = std::fopen((dir + name).c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        std::fclose(f);
+    }
+    LogCapture::Clear();
+    qv::TalAlgoPeakMap read;
+    ASSERT_EQ(config.LoadAlgoPeakMem(read, &EightGiB), 0) << LogCapture::Dump();
+    EXPECT_EQ(LogCapture::CountContaining("removed unfinished"), 1) << LogCapture::Dump();
+    auto names = FolderEntries(dir);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"talmempoolfilter.xml", "talmempoolfilter.xml.backup",
+                                               "talmempoolfilter.xml.tmp-1"}))
+        << "because only a writer's temporary (six characters after .tmp-) is removed";
 }
 
 } // namespace
