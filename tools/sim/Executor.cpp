@@ -174,6 +174,7 @@ void Runner::Pace(const SimCall& call)
                     "time (before call %zu); the figures may be off\n",
                     static_cast<long long>(kSettleLimit.count()), static_cast<size_t>(&call - mCalls.data()) + 1);
         }
+        mAccountant.DelayedWorkDone(NowMs());
         it = mPending.erase(it);
     }
     if (call.entry == "NewPool" && mServiceDeleted) {
