@@ -2,9 +2,16 @@
 // on when the library's looper thread gets the CPU or when its log lines are
 // read.
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "LooperWatch.h"
 #include "SimRun.h"
 #include "SimTestUtil.h"
 
@@ -98,6 +105,36 @@ TEST_F(SimTimingTest, AsyncPoolUpdate_CountsInItsSessionHoweverLateItsLinesCome)
             << "because the base pool was reserved before session 1 ended";
         EXPECT_EQ(f.total.pools.created, 1u);
     }
+}
+
+// The watch sees a thread that sleeps in epoll_wait, as the library's looper
+// does between messages, and stops seeing it once that thread has woken.
+TEST(LooperWatchTest, Polling_TrueOnlyWhileAThreadSleepsInEpollWait)
+{
+    using Clock = std::chrono::steady_clock;
+    ASSERT_FALSE(talsim::LooperPolling()) << "because no service is running in this test";
+    EXPECT_FALSE(talsim::WaitForLooperAfter(Clock::now(), Clock::now() + std::chrono::milliseconds(50)))
+        << "because the wait ends at its limit when nothing polls";
+
+    const int ep = epoll_create1(EPOLL_CLOEXEC);
+    const int ev = eventfd(0, EFD_CLOEXEC);
+    ASSERT_GE(ep, 0);
+    ASSERT_GE(ev, 0);
+    epoll_event want{};
+    want.events = EPOLLIN;
+    ASSERT_EQ(epoll_ctl(ep, EPOLL_CTL_ADD, ev, &want), 0);
+    std::thread poller([ep] {
+        epoll_event got{};
+        epoll_wait(ep, &got, 1, -1);
+    });
+    EXPECT_TRUE(talsim::WaitForLooperAfter(Clock::now(), Clock::now() + std::chrono::seconds(10)))
+        << "because the thread sleeps in epoll_wait";
+    const uint64_t one = 1;
+    ASSERT_EQ(write(ev, &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+    poller.join();
+    EXPECT_FALSE(talsim::LooperPolling()) << "because the polling thread has returned";
+    EXPECT_EQ(close(ev), 0);
+    EXPECT_EQ(close(ep), 0);
 }
 
 } // namespace

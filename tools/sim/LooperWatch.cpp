@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <sys/syscall.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
