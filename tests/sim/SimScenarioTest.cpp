@@ -35,10 +35,22 @@ protected:
     std::string dir_;
 };
 
+int CountLines(const std::string& path, const std::string& part)
+{
+    std::ifstream in(path);
+    std::string line;
+    int n = 0;
+    while (std::getline(in, line)) {
+        n += line.find(part) != std::string::npos ? 1 : 0;
+    }
+    return n;
+}
+
 // Session 1: algoA has no learnt peak, GetMaxPeakSize gives 0, so PoolUpdate
 // makes no base pool (20 MiB or less) and every capture request is direct:
 // 4 x 10 MiB + 8 MiB = 48 MiB (50331648) in 5 fallbacks. OnEos learns 48 MiB
-// for 1920x1080 and the delayed ClearAll after CameraClose writes the file.
+// for 1920x1080. The session closes with CameraClose, then the allocators
+// unregister: the last one clears the pools and writes the learnt file.
 // Session 2: peak 48 MiB > 20 MiB makes the 32 MiB base pool; with one active
 // post-processing state the multi pools follow the peak: need = 50331648 +
 // 51 x 49152 = 52838400, less the base pool 33554432 leaves 19283968 for
@@ -61,7 +73,7 @@ TEST_F(SimScenarioTest, Run_SmallDay_GivesTheFiguresThePoolRulesPredict)
     EXPECT_EQ(s1["pools"]["created"], 0) << "because a peak of 0 makes no base pool";
     EXPECT_EQ(s1["peak_reserved_bytes"], 50331648);
     EXPECT_EQ(s1["learnt_after"]["algoA"]["1920x1080"], 50331648)
-        << "because the delayed clear wrote the learnt peak";
+        << "because the clear at the last unregister wrote the learnt peak";
     EXPECT_TRUE(rep["learnt_before"].empty());
     for (int i : {1, 2}) {
         SCOPED_TRACE(i);
@@ -70,7 +82,7 @@ TEST_F(SimScenarioTest, Run_SmallDay_GivesTheFiguresThePoolRulesPredict)
         EXPECT_EQ(s["requests"]["capture"]["pool"], 5);
         EXPECT_EQ(s["requests"]["capture"]["direct"], 0);
         EXPECT_EQ(s["pools"]["created"], 2) << "base pool and one multi pool";
-        EXPECT_EQ(s["pools"]["released"], 2) << "both freed by the clear after the close";
+        EXPECT_EQ(s["pools"]["released"], 2) << "both freed by the clear at the last unregister";
         EXPECT_EQ(s["peak_reserved_bytes"], 33554432 + 19283968);
         EXPECT_EQ(s["peak_live_bytes"]["capture"], 50331648);
     }
@@ -82,6 +94,12 @@ TEST_F(SimScenarioTest, Run_SmallDay_GivesTheFiguresThePoolRulesPredict)
     std::string first;
     std::getline(log, first);
     EXPECT_NE(first.find(" ZoEIS   : ["), std::string::npos) << first;
+    // Each close: the last unregister clears (the camera has closed), so the
+    // service's delayed clear finds nothing to do. The two DeletePool calls
+    // (restart, end of day) clear once more on the way out and stop the same way.
+    EXPECT_EQ(CountLines(out + "/talmem.log", "ClearAll Failed!"), 0);
+    EXPECT_EQ(CountLines(out + "/talmem.log", "QvCamMem  ClearAll free all pool success"), 3);
+    EXPECT_EQ(CountLines(out + "/talmem.log", "ClearAll stopped because needClearPools is false"), 3 + 2);
     for (const char* file : {"timeline.csv", "trace.json", "timeline.png"}) {
         EXPECT_GT(std::filesystem::file_size(out + "/" + file), 0u) << file;
     }

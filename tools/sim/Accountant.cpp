@@ -93,6 +93,11 @@ void Accountant::After(const CallOutcome& outcome)
     Sample(outcome.ms);
 }
 
+void Accountant::DelayedWorkDone(double ms)
+{
+    Sample(ms);
+}
+
 void Accountant::AddTo(SessionFigures& s, const CallOutcome& outcome)
 {
     const int type = std::min(std::max(outcome.type, 0), kTypes - 1);

@@ -34,6 +34,10 @@ public:
     // so that the pools it makes count there.
     void Before(const SimCall& call, double ms);
     void After(const CallOutcome& outcome);
+    // The library's delayed work (a ClearAll or PoolUpdate on its looper)
+    // has finished at its place in the timeline: what it reserved or gave
+    // back counts there, in the session open at that place.
+    void DelayedWorkDone(double ms);
     void Finish(double ms);
 
 private:

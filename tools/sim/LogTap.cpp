@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <thread>
 
 namespace talsim {
 
@@ -97,6 +98,9 @@ void LogTap::MarkWorker() { tWorker = true; }
 
 void LogTap::OnLine(int priority, const char* tag, const char* message)
 {
+    if (!tWorker && mOffWorkerDelay.count() > 0) {
+        std::this_thread::sleep_for(mOffWorkerDelay);
+    }
     std::string text = message != nullptr ? message : "";
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
         text.pop_back();
@@ -126,11 +130,11 @@ void LogTap::OnLine(int priority, const char* tag, const char* message)
     if (mEcho) {
         fputs(full.c_str(), stderr);
     }
-    ReadPoolLine(text, tWorker);
+    ReadPoolLine(text);
 }
 
 // Pool set changes, in the order the pool manager logs them under its lock.
-void LogTap::ReadPoolLine(const std::string& text, bool onWorker)
+void LogTap::ReadPoolLine(const std::string& text)
 {
     if (Has(text, "QvCamMem enter PoolCreate poolId:")) {
         mLastCreateId = NumberAfter(text, "poolId:");
@@ -162,10 +166,6 @@ void LogTap::ReadPoolLine(const std::string& text, bool onWorker)
     if (Has(text, "enter ~TalMemPoolMonitor()")) {
         ++mDestroyed;
     }
-    if (!onWorker && (Has(text, "ClearAll free all pool success") ||
-                      Has(text, "ClearAll failed") || Has(text, "ClearAll stopped because"))) {
-        ++mAsyncClears;
-    }
 }
 
 std::map<int, uint64_t> LogTap::Pools()
@@ -178,12 +178,6 @@ PoolEvents LogTap::Events()
 {
     std::lock_guard<std::mutex> l(mLock);
     return mEvents;
-}
-
-uint64_t LogTap::AsyncClearsDone()
-{
-    std::lock_guard<std::mutex> l(mLock);
-    return mAsyncClears;
 }
 
 uint64_t LogTap::ServicesDestroyed()

@@ -7,6 +7,7 @@
 // return: which path served an allocation, and which pools were created,
 // resized and released.
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -42,6 +43,10 @@ public:
     LogTap& operator=(const LogTap&) = delete;
 
     bool ok() const { return mFile != nullptr; }
+    // Every line logged off the simulator's workers (the library's looper)
+    // waits this long before it is read, as behind a slow log consumer.
+    // Tests use it to prove that no figure depends on when those lines come.
+    void SetOffWorkerDelay(std::chrono::milliseconds delay) { mOffWorkerDelay = delay; }
 
     // The lines of the current thread go to `lines` until EndCall.
     static void BeginCall(CallLines* lines);
@@ -53,8 +58,6 @@ public:
     // released ones.
     std::map<int, uint64_t> Pools();
     PoolEvents Events();
-    // Clears completed on the library's own looper thread.
-    uint64_t AsyncClearsDone();
     // The service was destroyed: its pools went with it, without a line.
     void ServiceGone();
     uint64_t ErrorLines();
@@ -66,16 +69,16 @@ public:
     void OnLine(int priority, const char* tag, const char* message);
 
 private:
-    void ReadPoolLine(const std::string& text, bool onWorker);
+    void ReadPoolLine(const std::string& text);
 
     std::mutex mLock;
     FILE* mFile = nullptr;
     bool mEcho = false;
+    std::chrono::milliseconds mOffWorkerDelay{0};
     std::map<int, uint64_t> mPools;
     PoolEvents mEvents;
     int mLastCreateId = 0;
     bool mResizing = false;
-    uint64_t mAsyncClears = 0;
     uint64_t mErrors = 0;
     uint64_t mDestroyed = 0;
 };

@@ -381,13 +381,19 @@ double OneSession(Context& cx, const JsonField& s, const std::string& name, doub
     if (s.Has("preview")) {
         Preview(cx, s.At("preview"), t + 1, end);
     }
+    // Closing: the provider tells the pool the camera is closing, then tears
+    // the pipeline down. Each node unregisters its allocator as it is
+    // destroyed; when the last one leaves, the library clears the pools (the
+    // camera has closed and nothing is in use) and writes the learnt table.
+    // The service's delayed ClearAll follows as its safety net.
     double tclose = end + cx.timing.frameMs;
+    cx.b.Add(tclose, kControl, "CameraClose");
+    tclose += 1;
     for (const Allocator& a : allocators) {
         SimCall& c = cx.b.Add(tclose, kControl, "UnregisterAllocatorRef");
         c.Set("type", a.type);
         c.Set("name", a.module);
     }
-    cx.b.Add(tclose += 1, kControl, "CameraClose");
     for (const auto& p : pp) {
         cx.b.Add(tclose, kControl, "ClearPPState").Set("pp", p.first);
     }

@@ -71,6 +71,7 @@ RunResult RunCalls(const RunRequest& request)
     ws.Enter(request.record);
     {
         LogTap tap(out + "/talmem.log", request.verbose);
+        tap.SetOffWorkerDelay(std::chrono::milliseconds(request.offWorkerLogDelayMs));
         ExecOptions options;
         options.timeScale = request.timeScale;
         options.learntPath = ws.LearntPath();

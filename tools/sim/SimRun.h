@@ -27,6 +27,7 @@ struct RunRequest {
     double timeScale = 0;
     int64_t basePoolSize = -1;  // tune: replaces the configured sizes when >= 0
     int64_t multiPoolSize = -1;
+    int64_t offWorkerLogDelayMs = 0; // tests: see LogTap::SetOffWorkerDelay
 };
 
 struct RunResult {
