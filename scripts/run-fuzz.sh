@@ -13,7 +13,7 @@ set -euo pipefail
 
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
 OUT="$ROOT/build/fuzz"
-SECONDS_TO_RUN="${FUZZ_SECONDS:-30}"
+SECONDS_TO_RUN="${FUZZ_SECONDS:-20}"
 CXX_FUZZ="${CXX_FUZZ:-clang++}"
 TRIPLET="$(gcc -dumpmachine 2>/dev/null || echo x86_64-linux-gnu)"
 ANDROID_LIBDIR="/usr/lib/$TRIPLET/android"

@@ -6,7 +6,7 @@
 // session the monitor's counters are back to zero and the camera-buffer
 // service holds nothing; the learnt file stays loadable.
 //
-// TALMEM_SOAK_SECONDS sets the run time (default 20), TALMEM_SOAK_SEED the seed
+// TALMEM_SOAK_SECONDS sets the run time (default 12), TALMEM_SOAK_SEED the seed
 // (default 1); the line printed at the end names both, so a failure can be
 // replayed.
 
@@ -154,7 +154,7 @@ TEST_F(SoakTest, SeededCameraSessions_NothingHeldCountersZeroLearntFileLoads)
     ASSERT_EQ(TalMemPool::poolThread, nullptr);
     const uint64_t heldBefore = CameraBufferInterface::GetHeldBytes();
     WriteFile(DevicePath("/odm/etc/camera/talmempoolcfg.xml"), DeviceConfig(kPool, "mfnrAlgo", 24 * kMiB));
-    const int seconds = EnvInt("TALMEM_SOAK_SECONDS", 20);
+    const int seconds = EnvInt("TALMEM_SOAK_SECONDS", 12);
     const uint32_t seed = static_cast<uint32_t>(EnvInt("TALMEM_SOAK_SEED", 1));
     std::mt19937 rng(seed);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
