@@ -12,31 +12,13 @@
 #include <thread>
 
 #include "CameraBufferInterface.h"
+#include "ServiceCounters.h"
 #include "TalTestSupport.h"
 #include "common/TalLog.h"
 #include "interface/TalMemPoolThread.h"
 #include "pool/TalMemPoolImpl.h"
 #include "talmem/TalMemPool.h"
 
-namespace qv {
-
-// Private state, under mImplLock where the looper thread writes it (mPeakSize: the caller only).
-struct TalMemPoolThreadTestPeer {
-    template <typename Fn>
-    static auto WithImpl(TalMemPoolThread& s, Fn fn)
-    {
-        android::AutoMutex _l(s.mImplLock);
-        return fn(*s.memPoolImpl);
-    }
-    static bool LooperReady(TalMemPoolThread& s)
-    {
-        android::AutoMutex _l(s.mImplLock);
-        return s.m_spMemLooper != nullptr && s.memHandler != nullptr;
-    }
-    static uint32_t PeakSize(TalMemPoolThread& s) { return s.mPeakSize; }
-};
-
-} // namespace qv
 
 using qv::TalMemPool;
 using qv::TalMemPoolThread;

@@ -19,6 +19,12 @@ struct TalMemPoolThreadTestPeer {
         android::AutoMutex _l(s.mImplLock);
         return fn(*s.memPoolImpl);
     }
+    static bool LooperReady(TalMemPoolThread& s)
+    {
+        android::AutoMutex _l(s.mImplLock);
+        return s.m_spMemLooper != nullptr && s.memHandler != nullptr;
+    }
+    static uint32_t PeakSize(TalMemPoolThread& s) { return s.mPeakSize; } // the caller's thread only
 };
 
 } // namespace qv
